@@ -1,0 +1,2 @@
+#include "mex.h"
+void mexFunction(int, mxArray*[], int, const mxArray*[]) {}
