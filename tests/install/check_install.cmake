@@ -1,0 +1,23 @@
+# Installs the build tree into a scratch prefix, builds the stand-alone example against the
+# installed package and runs it; any failing step fails the test.
+set(prefix ${BUILD_DIR}/install-check/prefix)
+set(example ${BUILD_DIR}/install-check/example)
+file(REMOVE_RECURSE ${BUILD_DIR}/install-check)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed (${rc}): ${ARGN}")
+  endif()
+endfunction()
+
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+foreach(f include/recon/recon.hpp lib/cmake/mrkit/mrkitConfig.cmake share/mrkit/mex/homodyne.mex)
+  if(NOT EXISTS ${prefix}/${f})
+    message(FATAL_ERROR "not installed: ${f}")
+  endif()
+endforeach()
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${example} -DCMAKE_PREFIX_PATH=${prefix}
+    -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build ${example})
+run(${example}/coil_combine)
