@@ -8,17 +8,53 @@
 
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
+#include "recon/sense/corners.hpp"
 
 namespace {
 
-// Folded index i -> factor-grid coordinate, first to first and last to last.
-std::vector<float> grid_coords(int folded, int grid) {
-    std::vector<float> c(folded, 0.0f);
-    if (folded == 1) return c;
-    const float step = static_cast<float>(grid - 1) / static_cast<float>(folded - 1);
-    for (int i = 0; i < folded; ++i) c[i] = static_cast<float>(i) * step;
-    return c;
+// Where one folded index samples the factor grid: the coordinate (never below 0), its nearest
+// grid index for the signal mask, and its lower grid index and fraction for interpolation.
+struct Sample {
+    float coord;
+    int nearest, lower;
+    double fraction;
+};
+
+// Folded index i -> factor-grid coordinate, first to first and last to last; along y and z the
+// coordinate is snapped to the factor grid's compartments, so the interpolation never blends
+// factors of differently aliased voxels.
+std::vector<Sample> samples(int folded, int grid, int fullSize, const float* gridBounds) {
+    float imageBounds[2] = {-1.0f, -1.0f};
+    if (gridBounds) get_compartments(fullSize, folded, imageBounds);
+    const float step =
+        folded > 1 ? static_cast<float>(grid - 1) / static_cast<float>(folded - 1) : 0.0f;
+    std::vector<Sample> out(folded);
+    for (int i = 0; i < folded; ++i) {
+        float c = folded == 1 ? 0.0f : static_cast<float>(i) * step;
+        if (gridBounds) c = static_cast<float>(pos2interpolate(c, i, imageBounds, gridBounds));
+        if (c < 0) c = 0;
+        const int lower = static_cast<int>(c);
+        out[i] = {c, MR_round(c), lower, c - static_cast<float>(lower)};
+    }
+    return out;
 }
+
+// Aliased full positions of every folded index of one axis, `most` entries per index.
+struct Aliases {
+    int most;
+    std::vector<int> count, position;
+    Aliases(int fullSize, int folded)
+        : most(static_cast<int>(ceilf(static_cast<float>(fullSize) / static_cast<float>(folded)))),
+          count(folded),
+          position(static_cast<size_t>(folded) * most) {
+        Eigen::VectorXi list(most);
+        for (int i = 0; i < folded; ++i) {
+            count[i] = MR_get_unfolded_positions(fullSize, folded, i, list);
+            std::copy(list.data(), list.data() + most, position.begin() + i * most);
+        }
+    }
+    const int* of(int i) const { return position.data() + static_cast<size_t>(i) * most; }
+};
 
 }  // namespace
 
@@ -29,49 +65,38 @@ int unfold(const float* foldedRe, const float* foldedIm, const Eigen::VectorXi& 
     const int fd0 = foldedDims[0], fd1 = foldedDims[1], fd2 = foldedDims[2], fd3 = foldedDims[3];
     const int N0 = fullDims[0], N1 = fullDims[1], N2 = fullDims[2];
     const int F0 = factorDims[0], F1 = factorDims[1], F2 = factorDims[2];
-    const int maxY = static_cast<int>(ceilf(static_cast<float>(N1) / static_cast<float>(fd1)));
-    const int maxZ = static_cast<int>(ceilf(static_cast<float>(N2) / static_cast<float>(fd2)));
     const int slab = fd0 * fd1, volume = slab * fd2, foldedTotal = foldedDims.prod();
     const int plane = F0 * F1, V = plane * F2;
     const int outPlane = N0 * N1, outTotal = outPlane * N2;
 
-    float yImageBounds[2] = {-1.0f, -1.0f}, zImageBounds[2] = {-1.0f, -1.0f};
-    get_compartments(N1, fd1, yImageBounds);
-    get_compartments(N2, fd2, zImageBounds);
-    const std::vector<float> xCoords = grid_coords(fd0, F0);
-    const std::vector<float> yCoords = grid_coords(fd1, F1);
-    const std::vector<float> zCoords = grid_coords(fd2, F2);
+    const std::vector<Sample> xs = samples(fd0, F0, N0, nullptr);
+    const std::vector<Sample> ys = samples(fd1, F1, N1, yCompartments);
+    const std::vector<Sample> zs = samples(fd2, F2, N2, zCompartments);
+    const Aliases yAlias(N1, fd1), zAlias(N2, fd2);
 
     std::atomic<int> status{1};
     mrkit::parallel_blocks(fd0, [&](int begin, int end) {
         if (begin >= end) return;
-        const int slots = maxY * maxZ;
+        const int slots = yAlias.most * zAlias.most;
         std::vector<int> mask(slots);
-        Eigen::VectorXi yList(maxY), zList(maxZ);
         Eigen::MatrixXcf M = Eigen::MatrixXcf::Zero(slots, fd3);
         Eigen::VectorXcf v(fd3), u(slots);
 
-        for (int x = begin; x < end; ++x) {
-            for (int y = 0; y < fd1; ++y) {
-                const int ny = MR_get_unfolded_positions(N1, fd1, y, yList);
-                for (int z = 0; z < fd2; ++z) {
-                    const int nz = MR_get_unfolded_positions(N2, fd2, z, zList);
-                    const int n = ny * nz;
-
-                    // Snapped to the factor grid's own compartments, so the interpolation
-                    // never blends factors of differently aliased voxels.
-                    float cx = xCoords[x];
-                    float cy = static_cast<float>(
-                        pos2interpolate(yCoords[y], y, yImageBounds, yCompartments));
-                    float cz = static_cast<float>(
-                        pos2interpolate(zCoords[z], z, zImageBounds, zCompartments));
-                    if (cy < 0) cy = 0;
-                    if (cx < 0) cx = 0;
-                    if (cz < 0) cz = 0;
+        // x innermost, so the factors, the folded data and the output are walked along rows.
+        for (int y = 0; y < fd1; ++y) {
+            const int ny = yAlias.count[y];
+            const int* yList = yAlias.of(y);
+            for (int z = 0; z < fd2; ++z) {
+                const int nz = zAlias.count[z];
+                const int* zList = zAlias.of(z);
+                const int n = ny * nz;
+                const Sample &sy = ys[y], &sz = zs[z];
+                for (int x = begin; x < end; ++x) {
+                    const Sample& sx = xs[x];
 
                     // Coil 0's factor at the nearest grid voxel says which positions carry
                     // signal; outside the object this is the only work done.
-                    const int r = MR_round(cz) * plane + MR_round(cy) * F0 + MR_round(cx);
+                    const int r = sz.nearest * plane + sy.nearest * F0 + sx.nearest;
                     int nValid = 0;
                     for (int m = 0; m < n; ++m) {
                         const std::complex<double> f = factors[r + m * V];
@@ -80,22 +105,17 @@ int unfold(const float* foldedRe, const float* foldedIm, const Eigen::VectorXi& 
                     }
                     if (nValid == 0) continue;
 
-                    // The interpolation corner is truncated, unlike the rounded mask voxel.
-                    const int tx = static_cast<int>(cx), ty = static_cast<int>(cy),
-                              tz = static_cast<int>(cz);
-                    const int b = tx + ty * F0 + tz * plane;
-                    const double fy = cy - static_cast<float>(ty);
-                    const double fx = cx - static_cast<float>(tx);
-                    const double fz = cz - static_cast<float>(tz);
+                    // Same corners and weights for every block: the block bound (block + 1) * V
+                    // leaves b + offset < V as the test.
+                    const int b = sx.lower + sy.lower * F0 + sz.lower * plane;
+                    const mrkit::Corners<double> at(b, F0, plane, V, sx.fraction, sy.fraction,
+                                                    sz.fraction);
                     for (int c = 0; c < fd3; ++c) {
                         int row = 0;
                         for (int m = 0; m < n; ++m) {
                             if (!mask[m]) continue;
-                            const int block = c * n + m;
-                            // Bounded by the end of this block: no reads into the next one.
-                            const std::complex<double> f =
-                                MR_linear_interpolation(factors, factorDims, b + block * V, fy, fx,
-                                                        fz, plane, (block + 1) * V);
+                            const std::complex<double>* block = factors.data() + (c * n + m) * V;
+                            const std::complex<double> f = at.apply(block);
                             M(row++, c) = std::complex<float>(static_cast<float>(f.real()),
                                                               static_cast<float>(f.imag()));
                         }
