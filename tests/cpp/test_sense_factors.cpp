@@ -110,7 +110,9 @@ TEST(CombinationFactors, MatchClosedFormPerVoxel) {
     ASSERT_EQ(g.run(lambda, prior), 1);
 
     for (const double l : {lambda, 0.0}) {
-        if (l == 0.0) ASSERT_EQ(g.run(0.0, Eigen::VectorXf()), 1);  // no prior read at all
+        if (l == 0.0) {
+            ASSERT_EQ(g.run(0.0, Eigen::VectorXf()), 1);  // no prior read at all
+        }
         for (int x = 0; x < g.nx; ++x) {
             for (int f = 0; f < g.folded; ++f) {
                 const auto lines = aliased(g.full, g.folded, f);

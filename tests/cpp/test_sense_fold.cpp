@@ -86,14 +86,18 @@ TEST(FoldGeometry, InvariantsOverManySizePairs) {
                     if (q < s + f) {
                         ++below[f];
                         // nearest-first below the centre copy
-                        if (i > 0) EXPECT_EQ(q, list[i - 1] - folded);
+                        if (i > 0) {
+                            EXPECT_EQ(q, list[i - 1] - folded);
+                        }
                     } else if (i > 0 && list[i - 1] >= s + f) {
                         EXPECT_EQ(q, list[i - 1] + folded);
                     }
                 }
                 // all lower copies come first, then the centre copy s + f
                 for (int i = 0; i < below[f]; ++i) EXPECT_LT(list[i], s + f);
-                if (count[f] > below[f]) EXPECT_EQ(list[below[f]], s + f);
+                if (count[f] > below[f]) {
+                    EXPECT_EQ(list[below[f]], s + f);
+                }
             }
             for (int q = 0; q < full; ++q) EXPECT_EQ(seen[q], 1) << "position " << q;
             for (int q = 0; q < full; ++q)
