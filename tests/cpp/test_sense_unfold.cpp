@@ -145,16 +145,6 @@ TEST(Unfold, ScattersInListOrderWithPerVoxelPacking) {
     }
 }
 
-TEST(Unfold, VoxelOutsideTheFoldedDataIsSkippedWithStatus) {
-    // Zero coils: every folded index is past the end of the data.
-    Unfold u{vec({2, 3, 1, 0}), vec({2, 3, 1, 1}), vec({2, 3, 1}), {}};
-    u.factors = Eigen::VectorXcd::Constant(6, cd(1.0, 0.0));
-    const Split data = coil_data(2, 3, 1, 1);
-    Split out = output(2, 3, 1, -9.0f);
-    EXPECT_EQ(u.run(data, out), -1);
-    for (float v : out.re) EXPECT_EQ(v, -9.0f);
-}
-
 // The factor and sensitivity reads set up the corners once per position and reuse them for
 // every block; the values must be those of the toolkit interpolation, to the bit, including
 // the dropped corners at the end of a block.
