@@ -1,0 +1,79 @@
+// Trilinear interpolation of many grids at one position: the readable corners and their weight
+// products are found once and then applied to every coil or factor block. The corner rule, the
+// weight products and the summation order are those of MR_linear_interpolation, so every
+// result is bit-identical to a call of it; only the repeated set-up is saved.
+#pragma once
+
+#include <complex>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace mrkit {
+
+template <class Weight>
+struct Corners {
+    int count = 0;  // corners read, in the order b, b+1, b+nx, b+nx+1, then the same + plane
+    int offset[8] = {};
+    Weight weight[8] = {};
+
+    // Corner b and fractions t1 (+1), t2 (+nx), t3 (+plane); corners at index N or beyond drop
+    // out, tested from the highest flat index down without renormalising.
+    Corners(int b, int nx, int plane, int N, Weight t1, Weight t2, Weight t3) {
+        if (b + nx + 1 + plane < N)
+            count = 8;
+        else if (b + nx + plane < N)
+            count = 7;
+        else if (b + 1 + plane < N)
+            count = 6;
+        else if (b + plane < N)
+            count = 5;
+        else if (b + nx + 1 < N)
+            count = 4;
+        else if (b + nx < N)
+            count = 3;
+        else if (b + 1 < N)
+            count = 2;
+        else if (b < N)
+            count = 1;
+        const Weight one = 1;
+        const int offsets[8] = {0, 1, nx, nx + 1, plane, 1 + plane, nx + plane, nx + 1 + plane};
+        for (int c = 0; c < count; ++c) {
+            const Weight w1 = (c & 1) ? t1 : one - t1;
+            const Weight w2 = (c & 2) ? t2 : one - t2;
+            const Weight w3 = (c & 4) ? t3 : one - t3;
+            offset[c] = b + offsets[c];
+            weight[c] = w1 * w2 * w3;
+        }
+    }
+
+    // Interpolated value of the grid whose element i is read(i).
+    template <class Value, class Read>
+    Value apply(Read read) const {
+        if (count == 0) return Value(0);
+        Value sum = read(offset[0]) * weight[0];
+        for (int c = 1; c < count; ++c) sum += read(offset[c]) * weight[c];
+        return sum;
+    }
+
+    // Complex samples with real weights: both parts are scaled and summed lane by lane, which is
+    // exactly what the complex-times-real operator and complex addition do.
+    std::complex<double> apply(const std::complex<double>* data) const {
+#if defined(__SSE2__)
+        if (count == 0) return 0.0;
+        const auto term = [&](int c) {
+            return _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(data + offset[c])),
+                              _mm_set1_pd(weight[c]));
+        };
+        __m128d sum = term(0);
+        for (int c = 1; c < count; ++c) sum = _mm_add_pd(sum, term(c));
+        alignas(16) double out[2];
+        _mm_store_pd(out, sum);
+        return {out[0], out[1]};
+#else
+        return apply<std::complex<double> >([data](int q) { return data[q]; });
+#endif
+    }
+};
+
+}  // namespace mrkit

@@ -1,0 +1,267 @@
+// Regularised SENSE combination factors on the factor grid: the sensitivity maps' own x grid and
+// their y and z lines folded by the reduction factors. Each folded voxel solves
+//   U = (S^H Psi^-1 S + D)^-1 S^H Psi^-1
+// for its valid aliased positions and stores U packed by the voxel's own slot count.
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "recon/parallel.hpp"
+#include "recon/recon.hpp"
+#include "recon/sense/corners.hpp"
+
+namespace {
+
+// Inverse from a partial-pivoting LU: the row permutation applied to the identity, then the
+// unit-lower and the upper triangular solves in place. These steps fix the last bits.
+void lu_inverse(const Eigen::PartialPivLU<Eigen::MatrixXcd>& lu, Eigen::MatrixXcd& inv) {
+    const Eigen::Index n = lu.matrixLU().rows();
+    inv.noalias() = lu.permutationP() * Eigen::MatrixXcd::Identity(n, n);
+    lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(inv);
+    lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(inv);
+}
+
+// Aliased positions of one folded line along y or z, on the full grid and on the map grid.
+struct Line {
+    Eigen::VectorXi full;   // from MR_get_unfolded_positions
+    Eigen::VectorXf coord;  // map coordinate of each, for interpolation
+    std::vector<int> line;  // nearest map line of each
+    int count = 0;
+    explicit Line(int capacity)
+        : full(capacity), coord(Eigen::VectorXf::Zero(capacity)), line(capacity) {}
+
+    // Folded grid line `index` -> nearest folded image line -> its aliased full positions.
+    void fill(int index, const Eigen::VectorXf& lines, const Eigen::VectorXf& toMap, int fullSize,
+              int foldedSize) {
+        const int p = MR_round(lines[index]);
+        count = MR_get_unfolded_positions(fullSize, foldedSize, p, full);
+        for (int i = 0; i < count; ++i) {
+            coord[i] = toMap[full[i]];
+            line[i] = MR_round(coord[i]);
+        }
+    }
+};
+
+// Records folded line index - 1 as a compartment bound where the aliased positions jump, for
+// at most two bounds; `bounds` keeps the caller's values elsewhere.
+void record_edges(const std::vector<Line>& lines, int foldedGridSize, float* bounds) {
+    int recorded = 0;
+    for (size_t i = 1; i < lines.size() && recorded < 2; ++i)
+        if (find_edges(lines[i].coord, lines[i - 1].coord, lines[i].count, lines[i - 1].count,
+                       foldedGridSize) == 1)
+            bounds[recorded++] = static_cast<float>(i - 1);
+}
+
+// The aliased positions of every line of the factor grid along one axis.
+std::vector<Line> grid_lines(int gridSize, int capacity, float foldedLast, int fullSize,
+                             int foldedSize, float mapLast) {
+    const Eigen::VectorXf toFolded = Eigen::VectorXf::LinSpaced(gridSize, 0.f, foldedLast);
+    const Eigen::VectorXf toMap = Eigen::VectorXf::LinSpaced(fullSize, 0.f, mapLast);
+    std::vector<Line> lines(gridSize, Line(capacity));
+    for (int i = 0; i < gridSize; ++i) lines[i].fill(i, toFolded, toMap, fullSize, foldedSize);
+    return lines;
+}
+
+int ceil_div(int a, int b) {
+    return (a + b - 1) / b;
+}
+
+// What every worker reads, and the two outputs they share.
+struct Problem {
+    const float *sensRe, *sensIm;
+    int nx, ny, nVox, nTot, nYf, nZf, coils;
+    double lambda;
+    const Eigen::VectorXf& regImage;
+    const Eigen::MatrixXcd& psiInv;
+    Eigen::VectorXcd& factors;
+    std::atomic<int>& status;
+};
+
+// One worker's scratch, reused for every voxel it solves.
+class Worker {
+  public:
+    Worker(const Problem& p, int slots)
+        : p_(p),
+          prior_(slots),
+          S_(p.coils, slots),
+          D_(Eigen::MatrixXcd::Zero(slots, slots)),
+          solves_(slots + 1) {}
+
+    // Factors of folded voxel (x, yf, zf) with the aliased lines ys and zs; `valid` holds the
+    // flags of column x, which stay set once set.
+    void solve(int x, int yf, int zf, const Line& ys, const Line& zs, int* valid) {
+        const int K = collect(x, ys, zs, valid);
+        const int n = ys.count * zs.count;
+        const int base = x + p_.nx * (yf + p_.nYf * zf), V = p_.nx * p_.nYf * p_.nZf;
+        if (K == 0) {
+            for (int c = 0; c < p_.coils; ++c)
+                for (int s = 0; s < n; ++s) p_.factors[base + V * (s + c * n)] = 0.0;
+            return;
+        }
+        const Eigen::MatrixXcd& U = weights(K);
+        // Packed by this voxel's own slot count n. Flags left set by earlier voxels past the
+        // slots visited here have no row and store 0.
+        for (int c = 0; c < p_.coils; ++c) {
+            int row = 0;
+            for (int s = 0; s < n; ++s) {
+                std::complex<double> value = 0.0;
+                if (valid[s]) {
+                    if (row < K) value = U(row, c);
+                    ++row;
+                }
+                p_.factors[base + V * (s + c * n)] = value;
+            }
+        }
+    }
+
+  private:
+    // Products and inverse for one count K of valid positions, kept per K so that voxels
+    // alternating between counts (non-integer factors) never reallocate.
+    struct Solve {
+        Eigen::MatrixXcd T, A, inv, W, U;
+        Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
+        Solve(int K, int coils)
+            : T(K, coils), A(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {}
+    };
+
+    // Fills S and the priors with the valid slots (y outer, z inner) and returns their count.
+    // A position outside the maps takes no slot.
+    int collect(int x, const Line& ys, const Line& zs, int* valid) {
+        const float fx = static_cast<float>(x);
+        const int nx = p_.nx, ny = p_.ny;
+        int j = 0, K = 0;
+        for (int iy = 0; iy < ys.count; ++iy) {
+            for (int iz = 0; iz < zs.count; ++iz) {
+                const int i = x + nx * (ys.line[iy] + ny * zs.line[iz]);
+                if (i >= p_.nTot) {
+                    p_.status.store(-1, std::memory_order_relaxed);
+                    continue;
+                }
+                // Only coil 0's real map decides, and only where an imaginary map exists.
+                if (p_.sensIm && p_.sensRe[i] != 0.0f) valid[j] = 1;
+                if (valid[j] == 0) {
+                    ++j;
+                    continue;
+                }
+                if (p_.lambda != 0.0)
+                    prior_[K] = i < p_.regImage.size() ? static_cast<double>(p_.regImage[i]) : 0.0;
+                // Every coil's map is read at (fx, cy, cz).
+                const float cy = ys.coord[iy], cz = zs.coord[iz];
+                const int tx = static_cast<int>(fx), ty = static_cast<int>(cy),
+                          tz = static_cast<int>(cz);
+                const mrkit::Corners<float> at(
+                    nx * ty + tx + nx * ny * tz, nx, nx * ny, p_.nVox, fx - static_cast<float>(tx),
+                    cy - static_cast<float>(ty), cz - static_cast<float>(tz));
+                for (int c = 0; c < p_.coils; ++c) {
+                    const float* re = p_.sensRe + c * p_.nVox;
+                    const float* im = p_.sensIm ? p_.sensIm + c * p_.nVox : nullptr;
+                    S_(c, K) = std::complex<double>(
+                        at.apply<float>([re](int q) { return re[q]; }),
+                        im ? at.apply<float>([im](int q) { return im[q]; }) : 0.0f);
+                }
+                ++K;
+                ++j;
+            }
+        }
+        return K;
+    }
+
+    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S.
+    const Eigen::MatrixXcd& weights(int K) {
+        // D's off-diagonal stays zero, and its diagonal is rewritten whenever lambda is used.
+        if (p_.lambda != 0.0)
+            for (int k = 0; k < K; ++k)
+                D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
+        if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
+        Solve& m = *solves_[K];
+        const auto Sk = S_.leftCols(K);
+        m.T.noalias() = Sk.adjoint() * p_.psiInv;
+        m.A.noalias() = m.T * Sk;
+        m.A += D_.topLeftCorner(K, K);
+        m.lu.compute(m.A);
+        lu_inverse(m.lu, m.inv);
+        m.W.noalias() = m.inv * Sk.adjoint();
+        m.U.noalias() = m.W * p_.psiInv;
+        return m.U;
+    }
+
+    const Problem& p_;
+    std::vector<double> prior_;
+    Eigen::MatrixXcd S_, D_;
+    std::vector<std::unique_ptr<Solve>> solves_;
+};
+
+}  // namespace
+
+int find_edges(Eigen::VectorXf current, Eigen::VectorXf previous, int count, int prevCount,
+               int foldedSize) {
+    if (count != prevCount) return 1;
+    if (count < 1) return 0;
+    const float limit = static_cast<float>(foldedSize / 2);
+    for (int i = 0; i < count; ++i)
+        if (std::fabs(current[i] - previous[i]) > limit) return 1;
+    return 0;
+}
+
+int get_combination_factors(const float* sensRe, const float* sensIm,
+                            const Eigen::VectorXi& sensDims, const Eigen::MatrixXcd& noiseCov,
+                            const Eigen::Vector3f& R, double lambda,
+                            const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
+                            Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims,
+                            float* yCompartments, float* zCompartments) {
+    const int nx = sensDims[0], ny = sensDims[1], nz = sensDims[2], coils = sensDims[3];
+    const int nYf = static_cast<int>(ceilf(static_cast<float>(ny) / R[1]));
+    const int nZf = static_cast<int>(ceilf(static_cast<float>(nz) / R[2]));
+    const int nVox = nx * ny * nz;
+    const int nTot = sensDims.prod();
+
+    // The lists hold ceil(R) entries; an image folded more strongly than R would overrun them,
+    // so they are sized for that too.
+    const int capY = std::max(static_cast<int>(ceilf(R[1])), ceil_div(fullDims[1], foldedDims[1]));
+    const int capZ = std::max(static_cast<int>(ceilf(R[2])), ceil_div(fullDims[2], foldedDims[2]));
+    const int slots = capY * capZ;
+
+    const std::vector<Line> yLines = grid_lines(nYf, capY, static_cast<float>(foldedDims[1] - 1),
+                                                fullDims[1], foldedDims[1], ny - 1.f);
+    const std::vector<Line> zLines = grid_lines(nZf, capZ, static_cast<float>(foldedDims[2] - 1),
+                                                fullDims[2], foldedDims[2], nz - 1.f);
+    // The jumps are found along the first column (y) and its first line (z).
+    if (nx > 0) {
+        record_edges(yLines, nYf, yCompartments);
+        record_edges(zLines, nZf, zCompartments);
+    }
+
+    Eigen::MatrixXcd psiInv(coils, coils);
+    {
+        Eigen::PartialPivLU<Eigen::MatrixXcd> lu(noiseCov);
+        lu_inverse(lu, psiInv);
+    }
+
+    std::atomic<int> status{1};
+    const Problem problem{sensRe, sensIm, nx,     ny,       nVox,   nTot,    nYf,
+                          nZf,    coils,  lambda, regImage, psiInv, factors, status};
+    mrkit::parallel_blocks(nx, [&](int begin, int end) {
+        if (begin >= end) return;
+        Worker worker(problem, slots);
+        // Columns go a tile at a time with x innermost, so maps are read and factors written
+        // along rows; each column of the tile keeps its own validity flags.
+        constexpr int kTile = 32;
+        std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
+        for (int x0 = begin; x0 < end; x0 += kTile) {
+            const int x1 = std::min(end, x0 + kTile);
+            std::fill(validFlags.begin(), validFlags.end(), 0);
+            for (int yf = 0; yf < nYf; ++yf)
+                for (int zf = 0; zf < nZf; ++zf)
+                    for (int x = x0; x < x1; ++x)
+                        worker.solve(x, yf, zf, yLines[yf], zLines[zf],
+                                     validFlags.data() + static_cast<size_t>(x - x0) * slots);
+        }
+    });
+
+    if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);
+    if (zCompartments[1] < zCompartments[0]) std::swap(zCompartments[0], zCompartments[1]);
+    return status.load();
+}

@@ -1,0 +1,178 @@
+// Unfolding one volume: factors interpolated from their grid, applied to the coil values and
+// scattered to the aliased positions in list order; voxels without signal stay untouched.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <vector>
+
+#include "recon/recon.hpp"
+#include "recon/sense/corners.hpp"
+#include "support/sense_phantom.hpp"
+
+namespace {
+
+using cd = std::complex<double>;
+using sense_phantom::Split;
+
+Eigen::VectorXi vec(std::initializer_list<int> v) {
+    Eigen::VectorXi r(static_cast<Eigen::Index>(v.size()));
+    int i = 0;
+    for (int x : v) r[i++] = x;
+    return r;
+}
+
+// Folded coil data with values that differ per sample and coil.
+Split coil_data(int nx, int ny, int nz, int coils) {
+    Split d({nx, ny, nz, coils});
+    for (size_t i = 0; i < d.size(); ++i)
+        d.set(i, {0.1f * static_cast<float>(i % 17) - 0.7f, 0.05f * static_cast<float>(i % 11)});
+    return d;
+}
+
+struct Unfold {
+    Eigen::VectorXi folded, factorDims, full;
+    Eigen::VectorXcd factors;
+    float yc[2] = {-1.0f, -1.0f}, zc[2] = {-1.0f, -1.0f};
+
+    int run(const Split& data, Split& out, bool withIm = true) const {
+        return unfold(data.re.data(), withIm ? data.im.data() : nullptr, folded, factors,
+                      factorDims, factorDims, full, yc, zc, out.re.data(), out.im.data());
+    }
+    cd at(int x, int y, int z, int block) const {
+        const int V = factorDims[0] * factorDims[1] * factorDims[2];
+        return factors[x + factorDims[0] * (y + factorDims[1] * z) + V * block];
+    }
+};
+
+Split output(int nx, int ny, int nz, float fill) {
+    Split o({nx, ny, nz});
+    std::fill(o.re.begin(), o.re.end(), fill);
+    std::fill(o.im.begin(), o.im.end(), fill);
+    return o;
+}
+
+}  // namespace
+
+TEST(Unfold, WithoutFoldingIsTheFactorWeightedCoilSum) {
+    Unfold u{vec({4, 5, 3, 3}), vec({4, 5, 3, 3}), vec({4, 5, 3}), {}};
+    u.factors.resize(4 * 5 * 3 * 3);
+    for (int i = 0; i < u.factors.size(); ++i) u.factors[i] = cd(1.0 + 0.01 * i, 0.3 - 0.02 * i);
+    // Coil 0's factor alone decides whether a voxel carries signal.
+    u.factors[1 + 4 * 2] = 0.0;
+    const Split data = coil_data(4, 5, 3, 3);
+    Split out = output(4, 5, 3, -9.0f);
+    ASSERT_EQ(u.run(data, out), 1);
+
+    for (int z = 0; z < 3; ++z)
+        for (int y = 0; y < 5; ++y)
+            for (int x = 0; x < 4; ++x) {
+                const size_t o = x + 4 * (y + 5 * z);
+                if (x == 1 && y == 2 && z == 0) {
+                    EXPECT_EQ(out.at(o), std::complex<float>(-9.0f, -9.0f));
+                    continue;
+                }
+                cd expect = 0.0;
+                for (int c = 0; c < 3; ++c) expect += u.at(x, y, z, c) * cd(data.at(o + 60 * c));
+                EXPECT_LT(std::abs(cd(out.at(o)) - expect), 1e-5 * std::abs(expect));
+            }
+
+    // A null imaginary block reads as zeros.
+    Split real = data;
+    std::fill(real.im.begin(), real.im.end(), 0.0f);
+    Split a = output(4, 5, 3, 0.0f), b = output(4, 5, 3, 0.0f);
+    ASSERT_EQ(u.run(real, a), 1);
+    ASSERT_EQ(u.run(data, b, false), 1);
+    EXPECT_EQ(0, std::memcmp(a.re.data(), b.re.data(), a.re.size() * sizeof(float)));
+    EXPECT_EQ(0, std::memcmp(a.im.data(), b.im.data(), a.im.size() * sizeof(float)));
+}
+
+// Factors linear in the grid coordinates are reproduced exactly between grid samples: checks the
+// coordinate maps (first to first, last to last) and which fraction weights which neighbour.
+TEST(Unfold, InterpolatesFactorsFromACoarserGrid) {
+    Unfold u{vec({5, 7, 1, 2}), vec({3, 4, 1, 2}), vec({5, 7, 1}), {}};
+    const cd a[2] = {{1.0, 0.5}, {-0.4, 0.2}}, bx[2] = {{0.3, 0.0}, {0.1, -0.2}},
+             by[2] = {{-0.1, 0.25}, {0.05, 0.1}};
+    u.factors.resize(3 * 4 * 2);
+    for (int c = 0; c < 2; ++c)
+        for (int gy = 0; gy < 4; ++gy)
+            for (int gx = 0; gx < 3; ++gx)
+                u.factors[gx + 3 * gy + 12 * c] = a[c] + bx[c] * double(gx) + by[c] * double(gy);
+    const Split data = coil_data(5, 7, 1, 2);
+    Split out = output(5, 7, 1, 0.0f);
+    ASSERT_EQ(u.run(data, out), 1);
+    for (int y = 0; y < 7; ++y)
+        for (int x = 0; x < 5; ++x) {
+            const double gx = x * 2.0 / 4.0, gy = y * 3.0 / 6.0;
+            cd expect = 0.0;
+            for (int c = 0; c < 2; ++c)
+                expect += (a[c] + bx[c] * gx + by[c] * gy) * cd(data.at(x + 5 * y + 35 * c));
+            EXPECT_LT(std::abs(cd(out.at(x + 5 * y)) - expect), 1e-5) << x << ", " << y;
+        }
+}
+
+// 10 onto 4 along y with three coils: voxels carry two or three aliased positions, and factor
+// block c * n + m of a voxel with n positions weights coil c into its m-th listed position.
+TEST(Unfold, ScattersInListOrderWithPerVoxelPacking) {
+    Unfold u{vec({2, 4, 1, 3}), vec({2, 4, 1, 9}), vec({2, 10, 1}), {}};
+    get_compartments(10, 4, u.yc);  // the factor grid is the folded grid
+    u.factors = Eigen::VectorXcd::Zero(2 * 4 * 9);
+    auto weight = [](int x, int f, int m, int c) {
+        return cd(1.0 + m + 0.1 * x, 0.5 * c - 0.2 * f);
+    };
+    Eigen::VectorXi list(3);
+    for (int f = 0; f < 4; ++f) {
+        const int n = MR_get_unfolded_positions(10, 4, f, list);
+        for (int x = 0; x < 2; ++x)
+            for (int c = 0; c < 3; ++c)
+                for (int m = 0; m < n; ++m)
+                    u.factors[x + 2 * f + 8 * (c * n + m)] = weight(x, f, m, c);
+    }
+    const Split data = coil_data(2, 4, 1, 3);
+    Split out = output(2, 10, 1, 0.0f);
+    ASSERT_EQ(u.run(data, out), 1);
+    for (int f = 0; f < 4; ++f) {
+        const int n = MR_get_unfolded_positions(10, 4, f, list);
+        for (int x = 0; x < 2; ++x)
+            for (int m = 0; m < n; ++m) {
+                cd expect = 0.0;
+                for (int c = 0; c < 3; ++c)
+                    expect += weight(x, f, m, c) * cd(data.at(x + 2 * f + 8 * c));
+                EXPECT_LT(std::abs(cd(out.at(x + 2 * list[m])) - expect), 1e-5)
+                    << "folded " << f << " position " << list[m];
+            }
+    }
+}
+
+// The factor and sensitivity reads set up the corners once per position and reuse them for
+// every block; the values must be those of the toolkit interpolation, to the bit, including
+// the dropped corners at the end of a block.
+TEST(Unfold, SharedCornersMatchTheToolkitInterpolation) {
+    const int nx = 5, ny = 4, nz = 3, N = nx * ny * nz;
+    Eigen::VectorXi dims(3);
+    dims << nx, ny, nz;
+    std::vector<float> grid(N);
+    Eigen::VectorXcd cgrid(2 * N);
+    for (int i = 0; i < N; ++i) grid[i] = std::sin(1.7f * i) * (i % 3 ? 1.f : -3.f);
+    for (int i = 0; i < 2 * N; ++i) cgrid[i] = cd(std::cos(0.9 * i), -std::sin(2.3 * i) * (i % 4));
+    for (float c3 : {0.f, 0.5f, 1.25f, 2.f, 2.75f})
+        for (float c2 : {0.f, 0.3f, 2.5f, 3.f, 3.9f})
+            for (float c1 : {0.f, 0.6f, 3.5f, 4.f, 4.99f}) {
+                const int ix = int(c1), iy = int(c2), iz = int(c3);
+                const int b = nx * iy + ix + nx * ny * iz;
+                const float t1 = c1 - float(ix), t2 = c2 - float(iy), t3 = c3 - float(iz);
+                const mrkit::Corners<float> f(b, nx, nx * ny, N, t1, t2, t3);
+                const float expect = MR_linear_interpolation(grid.data(), c2, c1, c3, dims);
+                const float got = f.apply<float>([&](int q) { return grid[q]; });
+                EXPECT_EQ(0, std::memcmp(&expect, &got, sizeof(float)))
+                    << c1 << " " << c2 << " " << c3;
+
+                // Second block of a complex grid, bounded by its end.
+                const mrkit::Corners<double> d(b, nx, nx * ny, N, t1, t2, t3);
+                const cd e =
+                    MR_linear_interpolation(cgrid, dims, N + b, t2, t1, t3, nx * ny, 2 * N);
+                const cd g = d.apply(cgrid.data() + N);
+                EXPECT_EQ(0, std::memcmp(&e, &g, sizeof(cd))) << c1 << " " << c2 << " " << c3;
+            }
+}
