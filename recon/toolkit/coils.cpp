@@ -32,53 +32,94 @@ inline Index first_coil(Index i, const CoilLayout& l) {
 // Outputs per tile when the coil stride is long enough to sweep coils outermost: the tile of
 // `out` stays in L1 while each coil streams through it.
 constexpr Index kTile = 1024;
+
+// Each out[i] receives re^2 then im^2 of coil 0, coil 1, ... in this order, onto the value the
+// caller left there, then its square root. Both sweeps below keep that order per output.
+
+// Short coil stride: coil samples of neighbouring outputs interleave, so outputs are summed
+// one by one, eight at a time so that their addition chains overlap.
+template <bool HasIm>
+void sos_short_stride(const float* re, const float* im, const CoilLayout& l, float* out,
+                      Index begin, Index end) {
+    constexpr int kLanes = 8;
+    const Index C = l.coils, S = l.stride;
+    Index i = begin;
+    for (; i + kLanes <= end; i += kLanes) {
+        Index b[kLanes];
+        float acc[kLanes];
+        for (int k = 0; k < kLanes; ++k) {
+            b[k] = first_coil(i + k, l);
+            acc[k] = out[i + k];
+        }
+        for (Index c = 0; c < C; ++c)
+            for (int k = 0; k < kLanes; ++k) {
+                const float r = re[b[k] + c * S];
+                acc[k] += r * r;
+                if (HasIm) {
+                    const float q = im[b[k] + c * S];
+                    acc[k] += q * q;
+                }
+            }
+        for (int k = 0; k < kLanes; ++k) out[i + k] = std::sqrt(acc[k]);
+    }
+    for (; i < end; ++i) {
+        const Index b = first_coil(i, l);
+        float acc = out[i];
+        for (Index c = 0; c < C; ++c) {
+            const float r = re[b + c * S];
+            acc += r * r;
+            if (HasIm) {
+                const float q = im[b + c * S];
+                acc += q * q;
+            }
+        }
+        out[i] = std::sqrt(acc);
+    }
+}
+
+// Long coil stride: outputs within one run of S have contiguous coil-0 samples, so the coils
+// are swept outermost over a tile and every input streams through once.
+template <bool HasIm>
+void sos_long_stride(const float* re, const float* im, const CoilLayout& l, float* out, Index begin,
+                     Index end) {
+    const Index C = l.coils, S = l.stride;
+    for (Index i0 = begin; i0 < end;) {
+        const Index i1 = std::min<Index>({end, i0 + kTile, (i0 / S + 1) * S});
+        const Index n = i1 - i0;
+        const Index b0 = first_coil(i0, l);
+        float* o = out + i0;
+        for (Index c = 0; c < C; ++c) {
+            const float* r = re + b0 + c * S;
+            const float* q = HasIm ? im + b0 + c * S : nullptr;
+            for (Index k = 0; k < n; ++k) {
+                float acc = o[k] + r[k] * r[k];
+                if (HasIm) acc = acc + q[k] * q[k];
+                o[k] = acc;
+            }
+        }
+        for (Index k = 0; k < n; ++k) o[k] = std::sqrt(o[k]);
+        i0 = i1;
+    }
+}
+
+template <bool HasIm>
+void sos_blocks(const float* re, const float* im, const CoilLayout& l, float* out) {
+    mrkit::parallel_blocks(l.outputs, [&](int begin, int end) {
+        if (l.stride < 16)
+            sos_short_stride<HasIm>(re, im, l, out, begin, end);
+        else
+            sos_long_stride<HasIm>(re, im, l, out, begin, end);
+    });
+}
 }  // namespace
 
 void MR_perform_sos(const float* re, const float* im, int nOutDims, const int* dims, int coilDim,
                     float* out, const int* outDims) {
     const CoilLayout l = coil_layout(nOutDims, dims, coilDim, outDims);
-    const Index C = l.coils, S = l.stride;
-    mrkit::parallel_blocks(l.outputs, [&](int begin, int end) {
-        if (S < 16) {
-            for (Index i = begin; i < end; ++i) {
-                const Index b = first_coil(i, l);
-                float acc = out[i];
-                for (Index c = 0; c < C; ++c) {
-                    const float r = re[b + c * S];
-                    acc += r * r;
-                    if (im) {
-                        const float q = im[b + c * S];
-                        acc += q * q;
-                    }
-                }
-                out[i] = std::sqrt(acc);
-            }
-            return;
-        }
-        // Outputs within one run of S share contiguous coil-0 samples, so sweeping the coils
-        // outermost over a tile streams every input once. Each out[i] still receives its
-        // terms in coil order, real before imaginary, as in the loop above.
-        for (Index i0 = begin; i0 < end;) {
-            const Index i1 = std::min<Index>({Index(end), i0 + kTile, (i0 / S + 1) * S});
-            const Index n = i1 - i0;
-            const Index b0 = first_coil(i0, l);
-            float* o = out + i0;
-            for (Index c = 0; c < C; ++c) {
-                const float* r = re + b0 + c * S;
-                if (im) {
-                    const float* q = im + b0 + c * S;
-                    for (Index k = 0; k < n; ++k) {
-                        float acc = o[k] + r[k] * r[k];
-                        o[k] = acc + q[k] * q[k];
-                    }
-                } else {
-                    for (Index k = 0; k < n; ++k) o[k] += r[k] * r[k];
-                }
-            }
-            for (Index k = 0; k < n; ++k) o[k] = std::sqrt(o[k]);
-            i0 = i1;
-        }
-    });
+    if (im)
+        sos_blocks<true>(re, im, l, out);
+    else
+        sos_blocks<false>(re, im, l, out);
 }
 
 void MR_perform_pcsos(const float* re, const float* im, int nOutDims, const int* dims, int coilDim,
