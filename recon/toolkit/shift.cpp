@@ -78,34 +78,22 @@ void MR_ifftshift_dim3(float* re, float* im, const int* dims, int ndims, int dim
     shift(re, im, dims, ndims, dim, 2, false);
 }
 
+namespace {
+using ShiftFn = void (*)(float*, float*, const int*, int, int);
+
+// Any dim outside 1..3 is ignored: there is nothing to shift along it.
+void dispatch(const ShiftFn (&perDim)[3], float* re, float* im, const int* dims, int ndims,
+              int dim) {
+    if (dim >= 1 && dim <= 3) perDim[dim - 1](re, im, dims, ndims, dim);
+}
+}  // namespace
+
 void MR_fftshift(float* re, float* im, const int* dims, int ndims, int dim) {
-    switch (dim) {
-        case 1:
-            MR_fftshift_dim1(re, im, dims, ndims, dim);
-            break;
-        case 2:
-            MR_fftshift_dim2(re, im, dims, ndims, dim);
-            break;
-        case 3:
-            MR_fftshift_dim3(re, im, dims, ndims, dim);
-            break;
-        default:
-            break;
-    }
+    static constexpr ShiftFn perDim[3] = {MR_fftshift_dim1, MR_fftshift_dim2, MR_fftshift_dim3};
+    dispatch(perDim, re, im, dims, ndims, dim);
 }
 
 void MR_ifftshift(float* re, float* im, const int* dims, int ndims, int dim) {
-    switch (dim) {
-        case 1:
-            MR_ifftshift_dim1(re, im, dims, ndims, dim);
-            break;
-        case 2:
-            MR_ifftshift_dim2(re, im, dims, ndims, dim);
-            break;
-        case 3:
-            MR_ifftshift_dim3(re, im, dims, ndims, dim);
-            break;
-        default:
-            break;
-    }
+    static constexpr ShiftFn perDim[3] = {MR_ifftshift_dim1, MR_ifftshift_dim2, MR_ifftshift_dim3};
+    dispatch(perDim, re, im, dims, ndims, dim);
 }
