@@ -4,6 +4,8 @@
 // and no trigonometry. The float/double steps below fix the last bits of every weight.
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "recon/parallel.hpp"
@@ -41,22 +43,38 @@ std::vector<float> window(int size, double strength, int width) {
     return w;
 }
 
-// Scales one run of samples; exact zeros (both parts) keep their bits even when the factor is
-// not a number. Written as a select so the loop vectorises.
+inline std::uint32_t bits(float x) {
+    std::uint32_t b;
+    std::memcpy(&b, &x, sizeof b);
+    return b;
+}
+
+inline float from_bits(std::uint32_t b) {
+    float x;
+    std::memcpy(&x, &b, sizeof x);
+    return x;
+}
+
+// Factor for one sample: 1 for exact zeros (+0 or -0 in every part present), so that they
+// keep their bits even when the window is not a number, else w. Chosen with integer masks:
+// a branch here would stop the sample loops from vectorising.
+inline float factor(std::uint32_t partBits, float w) {
+    const std::uint32_t zero = 0u - static_cast<std::uint32_t>((partBits << 1) == 0);
+    return from_bits((bits(w) & ~zero) | (bits(1.0f) & zero));
+}
+
 void scale_run(float* re, float* im, const float* w01, float w2, Index n) {
     if (im) {
         for (Index j = 0; j < n; ++j) {
             const float r = re[j], q = im[j];
-            const float f = w2 * w01[j];
-            const bool keep = (r == 0.0f) & (q == 0.0f);
-            re[j] = keep ? r : r * f;
-            im[j] = keep ? q : q * f;
+            const float f = factor(bits(r) | bits(q), w2 * w01[j]);
+            re[j] = r * f;
+            im[j] = q * f;
         }
     } else {
         for (Index j = 0; j < n; ++j) {
             const float r = re[j];
-            const float f = w2 * w01[j];
-            re[j] = r == 0.0f ? r : r * f;
+            re[j] = r * factor(bits(r), w2 * w01[j]);
         }
     }
 }
