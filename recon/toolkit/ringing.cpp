@@ -24,6 +24,8 @@ float edge_value(double strength) {
     return 1.0f;
 }
 
+// One dimension's table. Single precision throughout except the acos, the stretch quotient and
+// the final 0.54 + 0.46 cos, which are taken in double.
 std::vector<float> window(int size, double strength, int width) {
     const float a = edge_value(strength);
     const double theta = std::acos((a - 0.54) / 0.46);

@@ -2,8 +2,8 @@
 //
 // A shift is a left rotation of contiguous runs (a column, a plane or a whole volume): the tail
 // of b samples is parked in a per-thread scratch buffer, the head of a samples slides up by
-// b with one overlap-safe move, and the parked tail goes to the front. Three block copies per
-// run keep the work at memory speed whatever the run length.
+// b with one overlap-safe move, and the parked tail goes to the front: three block copies per
+// run, never a loop over samples.
 #include <cstddef>
 #include <cstring>
 #include <memory>
