@@ -1,0 +1,178 @@
+// The "multiply" core: removal of the low-resolution phase, with and without interpolation.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "gateway/homodyne.hpp"
+#include "recon/recon.hpp"
+#include "support/bits.hpp"
+#include "support/threads.hpp"
+
+namespace {
+
+struct Image {
+    std::vector<int> dims;
+    std::vector<float> re, im;  // im empty for real data
+};
+
+const float* imag(const Image& a) {
+    return a.im.empty() ? nullptr : a.im.data();
+}
+
+// The result as a new real block.
+std::vector<float> multiply(const Image& data, const Image& low) {
+    std::vector<float> out(data.re.size());
+    homodyne_multiply(data.re.data(), imag(data), low.re.data(), imag(low), int(data.dims.size()),
+                      data.dims.data(), low.dims.data(), out.data(), nullptr);
+    return out;
+}
+
+// The in-place form: data rewritten, its imaginary block zeroed.
+Image multiply_in_place(Image data, const Image& low) {
+    float* im = data.im.empty() ? nullptr : data.im.data();
+    homodyne_multiply(data.re.data(), im, low.re.data(), imag(low), int(data.dims.size()),
+                      data.dims.data(), low.dims.data(), data.re.data(), im);
+    return data;
+}
+
+std::vector<float> samples(std::size_t n, uint32_t seed) {
+    std::vector<float> v(n);
+    for (auto& x : v) {
+        seed = seed * 1664525u + 1013904223u;
+        x = float(seed >> 8) / float(1u << 24) * 4.0f - 2.0f;
+    }
+    return v;
+}
+
+}  // namespace
+
+TEST(Multiply, SameSizeRemovesThePhase) {
+    // 5 * conj(3 + 4i) / 5 = 3; real low: sign(-2) * 7; (1 + 2i) conj(2 - 1i) / |2 - i| = 0 + 5i
+    // over sqrt(5): real part 0; zero low gives NaN.
+    const Image data{{4, 1}, {5, 7, 1, 1}, {0, 0, 2, 1}};
+    const Image low{{4, 1}, {3, -2, 2, 0}, {4, 0, -1, 0}};
+    const auto out = multiply(data, low);
+    EXPECT_EQ(out[0], 3.0f);
+    EXPECT_EQ(out[1], -7.0f);
+    EXPECT_EQ(out[2], 0.0f);
+    EXPECT_TRUE(std::isnan(out[3]));
+
+    const Image realLow{{4, 1}, {3, -2, 2, 0}, {}};
+    const auto signs = multiply(data, realLow);
+    EXPECT_EQ(signs[0], 5.0f);
+    EXPECT_EQ(signs[1], -7.0f);
+
+    const Image inPlace = multiply_in_place(data, low);
+    EXPECT_TRUE(same_bits(inPlace.re, out));
+    EXPECT_EQ(inPlace.im, std::vector<float>(4, 0.0f));
+}
+
+// The per-sample formula with its order of operations, the low value read or interpolated.
+TEST(Multiply, BitIdenticalToThePerSampleFormula) {
+    const int nx = 16, ny = 12, nz = 3, nvol = 2;
+    const std::size_t n = nx * ny * nz * nvol;
+    const Image data{{nx, ny, nz, nvol}, samples(n, 11), samples(n, 12)};
+    const Image same{{nx, ny, nz, nvol}, samples(n, 13), samples(n, 14)};
+    const int ld[] = {7, 5, 2};
+    const std::size_t lv = 7 * 5 * 2;
+    const Image small{{7, 5, 2, nvol}, samples(lv * nvol, 15), samples(lv * nvol, 16)};
+    std::unique_ptr<float[]> px(MR_linspace(0.f, 6.f, nx)), py(MR_linspace(0.f, 4.f, ny)),
+        pz(MR_linspace(0.f, 1.f, nz));
+    const auto expected = [&](bool interpolate) {
+        std::vector<float> out(n);
+        std::size_t e = 0;
+        for (int v = 0; v < nvol; ++v)
+            for (int k = 0; k < nz; ++k)
+                for (int j = 0; j < ny; ++j)
+                    for (int i = 0; i < nx; ++i, ++e) {
+                        float lr = same.re[e], li = same.im[e];
+                        if (interpolate) {
+                            lr = MR_linear_interpolation(small.re.data() + v * lv, py[j], px[i],
+                                                         pz[k], ld);
+                            li = MR_linear_interpolation(small.im.data() + v * lv, py[j], px[i],
+                                                         pz[k], ld);
+                        }
+                        const float m = sqrtf(lr * lr + li * li);
+                        const float c = lr / m, s = (-li) / m;
+                        out[e] = (c * data.re[e]) - s * data.im[e];
+                    }
+        return out;
+    };
+    EXPECT_TRUE(same_bits(multiply(data, same), expected(false)));
+    EXPECT_TRUE(same_bits(multiply(data, small), expected(true)));
+}
+
+TEST(Multiply, InterpolatesASmallerLowResolutionImage) {
+    // 2 x 2 onto 3 x 3: positions (0, 0.5, 1); the centre is the mean of the four samples.
+    const Image low{{2, 2}, {1, 3, 5, 7}, {2, 2, 2, 2}};
+    const Image data{{3, 3}, std::vector<float>(9, 1.0f), {}};
+    const auto out = multiply(data, low);
+    EXPECT_FLOAT_EQ(out[4], 4.0f / std::sqrt(20.0f));  // l = 4 + 2i
+    EXPECT_FLOAT_EQ(out[0], 1.0f / std::sqrt(5.0f));   // corner: l = 1 + 2i
+    EXPECT_FLOAT_EQ(out[8], 7.0f / std::sqrt(53.0f));  // corner: l = 7 + 2i
+    EXPECT_FLOAT_EQ(out[1], 2.0f / std::sqrt(8.0f));   // between 1 and 3
+
+    // Three dimensions: 2 x 2 x 2 onto 3 x 3 x 3, the centre averages eight samples.
+    const Image low3{{2, 2, 2}, {1, 1, 1, 1, 1, 1, 1, -5}, {}};
+    const Image data3{{3, 3, 3}, std::vector<float>(27, 2.0f), {}};
+    EXPECT_EQ(multiply(data3, low3)[13], 2.0f);   // mean 0.25 > 0
+    EXPECT_EQ(multiply(data3, low3)[26], -2.0f);  // last corner
+}
+
+TEST(Multiply, EveryVolumeUsesItsOwnLowResolutionVolume) {
+    // Volume 0 has phase 0, volume 1 phase pi: the real parts come out with opposite signs.
+    const Image low{{2, 2, 1, 2}, {1, 1, 1, 1, -1, -1, -1, -1}, {0, 0, 0, 0, 0, 0, 0, 0}};
+    for (const std::vector<int>& dims : {std::vector<int>{3, 3, 1, 2}, {2, 2, 1, 2}}) {
+        const int n = dims[0] * dims[1] * 2;
+        const Image data{dims, std::vector<float>(n, 3.0f), std::vector<float>(n, 1.0f)};
+        const auto out = multiply(data, low);
+        for (int e = 0; e < n; ++e) EXPECT_EQ(out[e], e < n / 2 ? 3.0f : -3.0f) << e;
+    }
+}
+
+TEST(Multiply, SafeFormLeavesTheInputsAndMatchesInPlace) {
+    for (const std::vector<int>& lowDims : {std::vector<int>{16, 12, 3, 5}, {7, 5, 2, 5}}) {
+        const std::size_t n = 16 * 12 * 3 * 5;
+        const std::size_t nl = std::size_t(lowDims[0]) * lowDims[1] * lowDims[2] * 5;
+        const Image data{{16, 12, 3, 5}, samples(n, 1), samples(n, 2)};
+        const Image low{lowDims, samples(nl, 3), samples(nl, 4)};
+        const Image dataCopy = data, lowCopy = low;
+        const auto out = multiply(data, low);
+        EXPECT_TRUE(same_bits(data.re, dataCopy.re));
+        EXPECT_TRUE(same_bits(data.im, dataCopy.im));
+        EXPECT_TRUE(same_bits(low.re, lowCopy.re));
+        EXPECT_TRUE(same_bits(low.im, lowCopy.im));
+        EXPECT_TRUE(same_bits(multiply_in_place(data, low).re, out));
+    }
+}
+
+TEST(Multiply, SameBitsWithOneAndTwoThreads) {
+    for (const std::vector<int>& lowDims : {std::vector<int>{16, 12, 3, 5}, {7, 5, 2, 5}}) {
+        const std::size_t n = 16 * 12 * 3 * 5;
+        const std::size_t nl = std::size_t(lowDims[0]) * lowDims[1] * lowDims[2] * 5;
+        for (bool complexLow : {true, false}) {
+            const Image data{{16, 12, 3, 5}, samples(n, 5), samples(n, 6)};
+            const Image low{lowDims, samples(nl, 7),
+                            complexLow ? samples(nl, 8) : std::vector<float>()};
+            const auto one = with_threads(1, [&] { return multiply(data, low); });
+            const auto two = with_threads(2, [&] { return multiply(data, low); });
+            EXPECT_TRUE(same_bits(one, two));
+        }
+    }
+}
+
+TEST(Multiply, LowResolutionShapesThatCanBeRead) {
+    const int data[] = {8, 8, 4, 3};
+    const int same[] = {8, 8, 4, 3}, smaller[] = {4, 4, 2, 3}, larger[] = {9, 9, 5, 3};
+    const int fewerVolumes[] = {4, 4, 2, 2}, emptyAxis[] = {4, 0, 2, 3};
+    EXPECT_TRUE(homodyne_low_res_fits(4, data, same));
+    EXPECT_TRUE(homodyne_low_res_fits(4, data, smaller));
+    EXPECT_TRUE(homodyne_low_res_fits(4, data, larger));
+    EXPECT_FALSE(homodyne_low_res_fits(4, data, fewerVolumes));
+    EXPECT_FALSE(homodyne_low_res_fits(4, data, emptyAxis));
+    const int emptyData[] = {8, 0}, emptyLow[] = {8, 0};
+    EXPECT_TRUE(homodyne_low_res_fits(2, emptyData, emptyLow));
+}
