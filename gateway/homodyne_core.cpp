@@ -60,63 +60,142 @@ void scale(const float* in, const float* table, std::size_t n, float* out) {
     for (std::size_t e = 0; e < n; ++e) out[e] = in[e] * table[e];
 }
 
-// Each sample d becomes Re(d * conj(l)) / |l| in the order of operations the results are
-// fixed to. Templated on the complexities so the per-sample loop carries no branches.
-template <bool kDataComplex, bool kLowComplex, bool kZeroIm, class Low>
-void remove_phase(const float* re, const float* im, const float* lowRe, const float* lowIm,
-                  const Low& low, const int* n, int begin, int end, float* outRe, float* outIm) {
-    const int nx = n[0], ny = n[1], nz = n[2];
-    const std::size_t volume = static_cast<std::size_t>(nx) * ny * nz;
-    for (int v = begin; v < end; ++v) {
-        std::size_t e = static_cast<std::size_t>(v) * volume;
-        for (int k = 0; k < nz; ++k) {
-            for (int j = 0; j < ny; ++j) {
-                for (int i = 0; i < nx; ++i, ++e) {
-                    const float lr = low(lowRe, i, j, k, v, e);
-                    const float li = kLowComplex ? low(lowIm, i, j, k, v, e) : 0.0f;
-                    const float m = kLowComplex ? sqrtf(lr * lr + li * li) : sqrtf(lr * lr);
-                    const float c = lr / m;
-                    const float s = kLowComplex ? (-li) / m : 0.0f;
-                    if (kDataComplex) {
-                        const float dr = re[e], di = im[e];
-                        outRe[e] = (c * dr) - s * di;
-                        if (kZeroIm) outIm[e] = 0.0f;
-                    } else {
-                        outRe[e] = c * re[e];
-                    }
-                }
-            }
+// Each sample d of one row becomes Re(d * conj(l)) / |l| in the order of operations the
+// results are fixed to; lr, li hold the row's low-resolution values (li null: real). Templated
+// on the complexities so the loop carries no branches and vectorises.
+template <bool kDataComplex, bool kLowComplex, bool kZeroIm>
+void remove_phase_row(const float* re, const float* im, const float* lr, const float* li, int n,
+                      float* outRe, float* outIm) {
+    for (int i = 0; i < n; ++i) {
+        const float l = lr[i], q = kLowComplex ? li[i] : 0.0f;
+        const float m = kLowComplex ? sqrtf(l * l + q * q) : sqrtf(l * l);
+        const float c = l / m;
+        const float s = kLowComplex ? (-q) / m : 0.0f;
+        if (kDataComplex) {
+            const float dr = re[i], di = im[i];
+            outRe[i] = (c * dr) - s * di;
+            if (kZeroIm) outIm[i] = 0.0f;
+        } else {
+            outRe[i] = c * re[i];
         }
     }
 }
 
-template <class Low>
-void remove_phase_parallel(const float* re, const float* im, const float* lowRe, const float* lowIm,
-                           const Low& low, const int* n, int nvol, float* outRe, float* outIm) {
+// Phase removal over all volumes, in parallel. lowRow(v, j, k, e, scratchRe, scratchIm, lr, li)
+// points lr, li (li only for complex low-resolution data) at the low-resolution values of the
+// data row (j, k) of volume v starting at flat index e, filling the thread's scratch rows when
+// it has to compute them.
+template <class LowRow>
+void remove_phase(const float* re, const float* im, bool lowComplex, const LowRow& lowRow,
+                  const int* n, int nvol, float* outRe, float* outIm) {
+    const int nx = n[0], ny = n[1], nz = n[2];
+    const auto row = [&](auto dataComplex, auto lowIsComplex, auto zeroIm, std::size_t e,
+                         const float* lr, const float* li) {
+        remove_phase_row<dataComplex, lowIsComplex, zeroIm>(re + e, dataComplex ? im + e : nullptr,
+                                                            lr, li, nx, outRe + e,
+                                                            zeroIm ? outIm + e : nullptr);
+    };
     mrkit::parallel_blocks(nvol, [&](int begin, int end) {
-        if (!im) {
-            if (lowIm)
-                remove_phase<false, true, false>(re, im, lowRe, lowIm, low, n, begin, end, outRe,
-                                                 outIm);
-            else
-                remove_phase<false, false, false>(re, im, lowRe, lowIm, low, n, begin, end, outRe,
-                                                  outIm);
-        } else if (outIm) {
-            if (lowIm)
-                remove_phase<true, true, true>(re, im, lowRe, lowIm, low, n, begin, end, outRe,
-                                               outIm);
-            else
-                remove_phase<true, false, true>(re, im, lowRe, lowIm, low, n, begin, end, outRe,
-                                                outIm);
-        } else {
-            if (lowIm)
-                remove_phase<true, true, false>(re, im, lowRe, lowIm, low, n, begin, end, outRe,
-                                                outIm);
-            else
-                remove_phase<true, false, false>(re, im, lowRe, lowIm, low, n, begin, end, outRe,
-                                                 outIm);
+        std::vector<float> scratchRe(nx), scratchIm(lowComplex ? nx : 0);
+        const std::size_t volume = static_cast<std::size_t>(nx) * ny * nz;
+        for (int v = begin; v < end; ++v) {
+            for (int k = 0; k < nz; ++k) {
+                for (int j = 0; j < ny; ++j) {
+                    const std::size_t e = v * volume + (static_cast<std::size_t>(k) * ny + j) * nx;
+                    const float *lr, *li = nullptr;
+                    lowRow(v, j, k, e, scratchRe.data(), scratchIm.data(), lr, li);
+                    const std::true_type yes;
+                    const std::false_type no;
+                    if (lowComplex) {
+                        if (!im)
+                            row(no, yes, no, e, lr, li);
+                        else if (outIm)
+                            row(yes, yes, yes, e, lr, li);
+                        else
+                            row(yes, yes, no, e, lr, li);
+                    } else {
+                        if (!im)
+                            row(no, no, no, e, lr, li);
+                        else if (outIm)
+                            row(yes, no, yes, e, lr, li);
+                        else
+                            row(yes, no, no, e, lr, li);
+                    }
+                }
+            }
         }
     });
+}
+
+// Integer part and fraction of every sample position along one axis, as
+// MR_linear_interpolation splits its coordinates.
+void split_positions(const float* pos, int n, int* corner, float* fraction) {
+    for (int i = 0; i < n; ++i) {
+        corner[i] = static_cast<int>(pos[i]);
+        fraction[i] = pos[i] - static_cast<float>(corner[i]);
+    }
+}
+
+// The interpolation of MR_linear_interpolation, bit for bit, over a run of one data row: the
+// eight corners b, b+1, b+lx, b+lx+1 and the same plus the plane, each weighted
+// (w1 * w2) * w3 and summed in that order over the first kCount of them. Sample i has the
+// lower corner b = rowBase + cx[i] (rowBase + i when kContiguous) and the fraction tx[i]
+// along the row; t2, t3 are the row's fractions.
+template <int kCount, bool kContiguous>
+void interpolate_run(const float* block, int rowBase, const int* cx, const float* tx, float t2,
+                     float t3, int lx, int plane, int begin, int end, float* out) {
+    const int offsets[8] = {0, 1, lx, lx + 1, plane, plane + 1, plane + lx, plane + lx + 1};
+    const float w2[2] = {1.0f - t2, t2}, w3[2] = {1.0f - t3, t3};
+    for (int i = begin; i < end; ++i) {
+        const float* d = block + rowBase + (kContiguous ? i : cx[i]);
+        const float w1[2] = {1.0f - tx[i], tx[i]};
+        float sum = d[0] * ((w1[0] * w2[0]) * w3[0]);
+        for (int c = 1; c < kCount; ++c)
+            sum += d[offsets[c]] * ((w1[c & 1] * w2[(c >> 1) & 1]) * w3[c >> 2]);
+        out[i] = sum;
+    }
+}
+
+// Same for samples near the end of the block of N samples, one at a time: only the corners up
+// to the last one, in corner order, inside the block count. A corner past the block is not
+// read: with ly = 1 the corner b+lx+1 can lie at N while a later one lies inside, where
+// MR_linear_interpolation would read one sample beyond the block (with weight 0, as t2 = 0).
+void interpolate_tail(const float* block, int rowBase, const int* cx, const float* tx, float t2,
+                      float t3, int lx, int plane, int N, int begin, int end, float* out) {
+    const int offsets[8] = {0, 1, lx, lx + 1, plane, plane + 1, plane + lx, plane + lx + 1};
+    const float w2[2] = {1.0f - t2, t2}, w3[2] = {1.0f - t3, t3};
+    for (int i = begin; i < end; ++i) {
+        const int b = rowBase + cx[i];
+        const float w1[2] = {1.0f - tx[i], tx[i]};
+        int count = 8;
+        while (count > 0 && b + offsets[count - 1] >= N) --count;
+        float sum = 0.0f;
+        for (int c = 0; c < count; ++c) {
+            if (b + offsets[c] >= N) continue;
+            const float w = (w1[c & 1] * w2[(c >> 1) & 1]) * w3[c >> 2];
+            sum = c == 0 ? block[b] * w : sum + block[b + offsets[c]] * w;
+        }
+        out[i] = sum;
+    }
+}
+
+// One data row of interpolated low-resolution values. Samples whose eight corners lie inside
+// the block come first along the row, then (in the last plane of the block) those whose four
+// lower corners do; the rest meet the end of the block. cx is non-decreasing.
+template <bool kContiguous>
+void interpolate_row(const float* block, int rowBase, const int* cx, const float* tx, float t2,
+                     float t3, int lx, int plane, int N, int nx, float* out) {
+    const auto samples_below = [&](int limit) {
+        return static_cast<int>(std::lower_bound(cx, cx + nx, limit - rowBase) - cx);
+    };
+    const int all8 = samples_below(N - plane - lx - 1);
+    interpolate_run<8, kContiguous>(block, rowBase, cx, tx, t2, t3, lx, plane, 0, all8, out);
+    int done = all8;
+    if (rowBase + plane >= N) {
+        done = std::max(done, samples_below(N - lx - 1));
+        interpolate_run<4, kContiguous>(block, rowBase, cx, tx, t2, t3, lx, plane, all8, done, out);
+    }
+    interpolate_tail(block, rowBase, cx, tx, t2, t3, lx, plane, N, done, nx, out);
 }
 
 }  // namespace
@@ -251,22 +330,50 @@ void homodyne_multiply(const float* re, const float* im, const float* lowRe, con
     const int nvol = homodyne_volume_sizes(ndims, dims, n);
     homodyne_volume_sizes(ndims, lowDims, l);
     if (nvol < 1) return;
-    const std::size_t lowVolume = static_cast<std::size_t>(l[0]) * l[1] * l[2];
+    const bool lowComplex = lowIm != nullptr;
     if (std::equal(dims, dims + ndims, lowDims)) {
-        const auto low = [](const float* block, int, int, int, int, std::size_t e) {
-            return block[e];
+        const auto lowRow = [&](int, int, int, std::size_t e, float*, float*, const float*& lr,
+                                const float*& li) {
+            lr = lowRe + e;
+            if (lowComplex) li = lowIm + e;
         };
-        remove_phase_parallel(re, im, lowRe, lowIm, low, n, nvol, outRe, outIm);
+        remove_phase(re, im, lowComplex, lowRow, n, nvol, outRe, outIm);
         return;
     }
-    // Positions of the data samples in low-resolution sample units; both grids share their
-    // first and last samples.
-    const std::unique_ptr<float[]> posX(MR_linspace(0.0f, static_cast<float>(l[0] - 1), n[0]));
-    const std::unique_ptr<float[]> posY(MR_linspace(0.0f, static_cast<float>(l[1] - 1), n[1]));
-    const std::unique_ptr<float[]> posZ(MR_linspace(0.0f, static_cast<float>(l[2] - 1), n[2]));
-    const float *px = posX.get(), *py = posY.get(), *pz = posZ.get();
-    const auto low = [&](const float* block, int i, int j, int k, int v, std::size_t) {
-        return MR_linear_interpolation(block + v * lowVolume, py[j], px[i], pz[k], l);
+    // Positions of the data samples in low-resolution sample units (both grids share their
+    // first and last samples), split once per call rather than once per sample.
+    std::vector<int> corner[3];
+    std::vector<float> fraction[3];
+    for (int d = 0; d < 3; ++d) {
+        const std::unique_ptr<float[]> pos(MR_linspace(0.0f, static_cast<float>(l[d] - 1), n[d]));
+        corner[d].resize(n[d]);
+        fraction[d].resize(n[d]);
+        split_positions(pos.get(), n[d], corner[d].data(), fraction[d].data());
+    }
+    const int *cx = corner[0].data(), *cy = corner[1].data(), *cz = corner[2].data();
+    const float *tx = fraction[0].data(), *ty = fraction[1].data(), *tz = fraction[2].data();
+    const int lx = l[0], plane = l[0] * l[1], block = plane * l[2];
+    // Rows along x that are not resampled read their corners contiguously (vectorised).
+    bool contiguous = true;
+    for (int i = 0; i < n[0]; ++i) contiguous = contiguous && cx[i] == i;
+    const auto lowRow = [&](int v, int j, int k, std::size_t, float* scratchRe, float* scratchIm,
+                            const float*& lr, const float*& li) {
+        const int rowBase = lx * cy[j] + plane * cz[k];
+        const std::size_t base = static_cast<std::size_t>(v) * block;
+        const auto row = [&](const float* from, float* to) {
+            if (contiguous)
+                interpolate_row<true>(from + base, rowBase, cx, tx, ty[j], tz[k], lx, plane, block,
+                                      n[0], to);
+            else
+                interpolate_row<false>(from + base, rowBase, cx, tx, ty[j], tz[k], lx, plane, block,
+                                       n[0], to);
+        };
+        row(lowRe, scratchRe);
+        lr = scratchRe;
+        if (lowComplex) {
+            row(lowIm, scratchIm);
+            li = scratchIm;
+        }
     };
-    remove_phase_parallel(re, im, lowRe, lowIm, low, n, nvol, outRe, outIm);
+    remove_phase(re, im, lowComplex, lowRow, n, nvol, outRe, outIm);
 }

@@ -70,39 +70,44 @@ TEST(Multiply, SameSizeRemovesThePhase) {
     EXPECT_EQ(inPlace.im, std::vector<float>(4, 0.0f));
 }
 
-// The per-sample formula with its order of operations, the low value read or interpolated.
+// The per-sample formula with its order of operations, the low value read or interpolated by
+// MR_linear_interpolation: low-resolution images of the data's size, smaller along every axis,
+// along y and z only (rows read contiguously), larger, and flat along z. Fractions along all
+// three axes are not powers of two, so every product of weights rounds.
 TEST(Multiply, BitIdenticalToThePerSampleFormula) {
-    const int nx = 16, ny = 12, nz = 3, nvol = 2;
+    const int nx = 16, ny = 12, nz = 4, nvol = 2;
     const std::size_t n = nx * ny * nz * nvol;
     const Image data{{nx, ny, nz, nvol}, samples(n, 11), samples(n, 12)};
-    const Image same{{nx, ny, nz, nvol}, samples(n, 13), samples(n, 14)};
-    const int ld[] = {7, 5, 2};
-    const std::size_t lv = 7 * 5 * 2;
-    const Image small{{7, 5, 2, nvol}, samples(lv * nvol, 15), samples(lv * nvol, 16)};
-    std::unique_ptr<float[]> px(MR_linspace(0.f, 6.f, nx)), py(MR_linspace(0.f, 4.f, ny)),
-        pz(MR_linspace(0.f, 1.f, nz));
-    const auto expected = [&](bool interpolate) {
-        std::vector<float> out(n);
+    for (const std::vector<int>& ld : {std::vector<int>{16, 12, 4, 2},
+                                       {7, 5, 3, 2},
+                                       {16, 5, 3, 2},
+                                       {19, 13, 5, 2},
+                                       {16, 12, 1, 2}}) {
+        const std::size_t lv = std::size_t(ld[0]) * ld[1] * ld[2];
+        const Image low{ld, samples(lv * nvol, 13), samples(lv * nvol, 14)};
+        const bool same = ld == data.dims;
+        std::unique_ptr<float[]> px(MR_linspace(0.f, ld[0] - 1.f, nx)),
+            py(MR_linspace(0.f, ld[1] - 1.f, ny)), pz(MR_linspace(0.f, ld[2] - 1.f, nz));
+        std::vector<float> expected(n);
         std::size_t e = 0;
         for (int v = 0; v < nvol; ++v)
             for (int k = 0; k < nz; ++k)
                 for (int j = 0; j < ny; ++j)
                     for (int i = 0; i < nx; ++i, ++e) {
-                        float lr = same.re[e], li = same.im[e];
-                        if (interpolate) {
-                            lr = MR_linear_interpolation(small.re.data() + v * lv, py[j], px[i],
-                                                         pz[k], ld);
-                            li = MR_linear_interpolation(small.im.data() + v * lv, py[j], px[i],
-                                                         pz[k], ld);
+                        float lr = low.re[e], li = low.im[e];
+                        if (!same) {
+                            lr = MR_linear_interpolation(low.re.data() + v * lv, py[j], px[i],
+                                                         pz[k], ld.data());
+                            li = MR_linear_interpolation(low.im.data() + v * lv, py[j], px[i],
+                                                         pz[k], ld.data());
                         }
                         const float m = sqrtf(lr * lr + li * li);
                         const float c = lr / m, s = (-li) / m;
-                        out[e] = (c * data.re[e]) - s * data.im[e];
+                        expected[e] = (c * data.re[e]) - s * data.im[e];
                     }
-        return out;
-    };
-    EXPECT_TRUE(same_bits(multiply(data, same), expected(false)));
-    EXPECT_TRUE(same_bits(multiply(data, small), expected(true)));
+        EXPECT_TRUE(same_bits(multiply(data, low), expected))
+            << ld[0] << "x" << ld[1] << "x" << ld[2];
+    }
 }
 
 TEST(Multiply, InterpolatesASmallerLowResolutionImage) {
@@ -131,6 +136,14 @@ TEST(Multiply, EveryVolumeUsesItsOwnLowResolutionVolume) {
         const auto out = multiply(data, low);
         for (int e = 0; e < n; ++e) EXPECT_EQ(out[e], e < n / 2 ? 3.0f : -3.0f) << e;
     }
+}
+
+TEST(Multiply, SingleRowLowResolutionVolumesAreReadInsideTheirBlock) {
+    // With one row per plane the corner b+nx+1 of the last row of the first plane lies at the
+    // end of the block; only samples of this volume may be read (ASan checks the last one).
+    const Image low{{4, 1, 2, 2}, std::vector<float>(16, 1.0f), std::vector<float>(16, 0.0f)};
+    const Image data{{4, 3, 3, 2}, samples(72, 21), samples(72, 22)};
+    EXPECT_TRUE(same_bits(multiply(data, low), data.re));
 }
 
 TEST(Multiply, SafeFormLeavesTheInputsAndMatchesInPlace) {
