@@ -104,23 +104,20 @@ void remove_phase(const float* re, const float* im, bool lowComplex, const LowRo
                     const std::size_t e = v * volume + (static_cast<std::size_t>(k) * ny + j) * nx;
                     const float *lr, *li = nullptr;
                     lowRow(v, j, k, e, scratchRe.data(), scratchIm.data(), lr, li);
-                    const std::true_type yes;
-                    const std::false_type no;
-                    if (lowComplex) {
+                    const auto pick = [&](auto lowIsComplex) {
+                        const std::true_type yes;
+                        const std::false_type no;
                         if (!im)
-                            row(no, yes, no, e, lr, li);
+                            row(no, lowIsComplex, no, e, lr, li);
                         else if (outIm)
-                            row(yes, yes, yes, e, lr, li);
+                            row(yes, lowIsComplex, yes, e, lr, li);
                         else
-                            row(yes, yes, no, e, lr, li);
-                    } else {
-                        if (!im)
-                            row(no, no, no, e, lr, li);
-                        else if (outIm)
-                            row(yes, no, yes, e, lr, li);
-                        else
-                            row(yes, no, no, e, lr, li);
-                    }
+                            row(yes, lowIsComplex, no, e, lr, li);
+                    };
+                    if (lowComplex)
+                        pick(std::true_type());
+                    else
+                        pick(std::false_type());
                 }
             }
         }

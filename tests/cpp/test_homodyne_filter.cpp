@@ -9,6 +9,7 @@
 
 #include "gateway/homodyne.hpp"
 #include "support/bits.hpp"
+#include "support/samples.hpp"
 #include "support/threads.hpp"
 
 namespace {
@@ -26,6 +27,25 @@ Filter filter(int n, double first, double last) {
     const double range[2] = {first, last};
     f.result = calculate_filter(n, range, f.weights.data(), f.edges);
     return f;
+}
+
+// homodyne_filter_setup and homodyne_band_dims for data of the given sizes.
+struct Plan {
+    int n[3], nvol, count;
+    std::vector<float> weights;
+    int edges[3][2];
+    std::vector<int> band;
+};
+
+Plan plan(const std::vector<int>& dims, const double* const ranges[3]) {
+    Plan s;
+    const int ndims = int(dims.size());
+    s.nvol = homodyne_volume_sizes(ndims, dims.data(), s.n);
+    s.weights.resize(s.n[0] + s.n[1] + s.n[2]);
+    s.count = homodyne_filter_setup(s.n, ranges, s.weights.data(), s.edges);
+    s.band.resize(ndims);
+    homodyne_band_dims(ndims, dims.data(), s.edges, s.band.data());
+    return s;
 }
 
 // Values 0, 1, 2, ... so that a copied sample tells where it came from.
@@ -101,49 +121,42 @@ TEST(CalculateFilter, RatioIsAFloatQuotientComparedInDouble) {
 }
 
 TEST(FilterSetup, EdgesBandSizesAndCount) {
-    const int dims[] = {32, 16, 4, 2};
-    int n[3];
-    ASSERT_EQ(homodyne_volume_sizes(4, dims, n), 2);
-    const double x[] = {-5, 15}, y[] = {-8, 3}, z[] = {-2, 1};
-    struct Case {
-        const double *x, *y, *z;
+    const double x[] = {-5, 15}, y[] = {-8, 3}, z[] = {-2, 1}, far[] = {-20, 127};
+    const struct {
+        std::vector<int> dims;
+        const double* ranges[3];
         int count;
-        int band[4];
+        std::vector<int> band;
     } cases[] = {
-        {x, nullptr, nullptr, 1, {11, 16, 4, 2}},  // x filtered: band -5 .. 5
-        {x, y, nullptr, 1, {11, 1, 4, 2}},         // y rejected (missing high side): one sample
-        {nullptr, nullptr, z, 0, {32, 16, 4, 2}},  // z symmetric within one sample: whole axis
+        {{32, 16, 4, 2}, {x, nullptr, nullptr}, 1, {11, 16, 4, 2}},  // x filtered: -5 .. 5
+        {{32, 16, 4, 2}, {x, y, nullptr}, 1, {11, 1, 4, 2}},  // y rejected (high side missing)
+        {{32, 16, 4, 2}, {nullptr, nullptr, z}, 0, {32, 16, 4, 2}},  // symmetric within one
+        {{5, 0}, {nullptr, far, nullptr}, 0, {5, 1}},                // rejected on an empty axis
     };
     for (const auto& c : cases) {
-        const double* ranges[3] = {c.x, c.y, c.z};
-        std::vector<float> weights(32 + 16 + 4);
-        int edges[3][2];
-        EXPECT_EQ(homodyne_filter_setup(n, ranges, weights.data(), edges), c.count);
-        int band[4];
-        homodyne_band_dims(4, dims, edges, band);
-        EXPECT_EQ(std::vector<int>(band, band + 4), std::vector<int>(c.band, c.band + 4));
-        // Unfiltered axes keep weight 1.
-        for (int i = 32; i < 52; ++i) EXPECT_EQ(weights[i], 1.0f);
+        const Plan s = plan(c.dims, c.ranges);
+        EXPECT_EQ(s.count, c.count);
+        EXPECT_EQ(s.band, c.band);
+        for (int i = c.dims[0]; i < int(s.weights.size()); ++i) EXPECT_EQ(s.weights[i], 1.0f);
     }
+    // The band of one sample on the empty axis has no source sample: nothing is copied.
+    const Plan empty = plan(cases[3].dims, cases[3].ranges);
+    std::vector<float> out(5, kUntouched);
+    homodyne_crop(nullptr, nullptr, empty.n, empty.nvol, empty.edges, out.data(), out.data());
+    for (float v : out) EXPECT_EQ(v, kUntouched);
 }
 
 TEST(FilterCrop, CopiesTheUnweightedBandOfEveryVolume) {
-    const int dims[] = {32, 16, 8, 2};
-    int n[3];
-    const int nvol = homodyne_volume_sizes(4, dims, n);
     const double x[] = {-5, 15}, y[] = {-8, 3}, z[] = {-2, 4};  // filtered, rejected, filtered
     const double* ranges[3] = {x, y, z};
-    std::vector<float> weights(32 + 16 + 8);
-    int edges[3][2];
-    ASSERT_EQ(homodyne_filter_setup(n, ranges, weights.data(), edges), 2);
-    int band[4];
-    homodyne_band_dims(4, dims, edges, band);
-    ASSERT_EQ(std::vector<int>(band, band + 4), (std::vector<int>{11, 1, 5, 2}));
+    const Plan s = plan({32, 16, 8, 2}, ranges);
+    ASSERT_EQ(s.count, 2);
+    ASSERT_EQ(s.band, (std::vector<int>{11, 1, 5, 2}));
 
     const std::size_t total = 32 * 16 * 8 * 2, bandTotal = 11 * 1 * 5 * 2;
     const auto re = indices(total), im = indices(total, 0.5f);
     std::vector<float> outRe(bandTotal), outIm(bandTotal), realOutIm(bandTotal, kUntouched);
-    homodyne_crop(re.data(), im.data(), n, nvol, edges, outRe.data(), outIm.data());
+    homodyne_crop(re.data(), im.data(), s.n, s.nvol, s.edges, outRe.data(), outIm.data());
     std::size_t o = 0;
     for (int v = 0; v < 2; ++v)
         for (int k = 0; k < 5; ++k)
@@ -154,39 +167,11 @@ TEST(FilterCrop, CopiesTheUnweightedBandOfEveryVolume) {
                 EXPECT_EQ(outIm[o], source + 0.5f);
             }
     // Real input: the imaginary block of the band is left to the caller (zero-filled there).
-    homodyne_crop(re.data(), nullptr, n, nvol, edges, outRe.data(), realOutIm.data());
+    homodyne_crop(re.data(), nullptr, s.n, s.nvol, s.edges, outRe.data(), realOutIm.data());
     for (float v : realOutIm) EXPECT_EQ(v, kUntouched);
 }
 
-TEST(FilterCrop, RejectedRangeOnAnEmptyAxisReadsNothing) {
-    const int dims[] = {5, 0};
-    int n[3];
-    const int nvol = homodyne_volume_sizes(2, dims, n);
-    const double y[] = {-20, 127};
-    const double* ranges[3] = {nullptr, y, nullptr};
-    std::vector<float> weights(5 + 0 + 1);
-    int edges[3][2];
-    EXPECT_EQ(homodyne_filter_setup(n, ranges, weights.data(), edges), 0);
-    int band[2];
-    homodyne_band_dims(2, dims, edges, band);
-    EXPECT_EQ(band[0], 5);
-    EXPECT_EQ(band[1], 1);
-    std::vector<float> out(5, kUntouched);
-    homodyne_crop(nullptr, nullptr, n, nvol, edges, out.data(), out.data());
-    for (float v : out) EXPECT_EQ(v, kUntouched);
-}
-
 namespace {
-
-// Random-looking samples with a fixed seed (a plain LCG keeps them identical everywhere).
-std::vector<float> samples(std::size_t n, uint32_t seed) {
-    std::vector<float> v(n);
-    for (auto& x : v) {
-        seed = seed * 1664525u + 1013904223u;
-        x = float(seed >> 8) / float(1u << 24) * 4.0f - 2.0f;
-    }
-    return v;
-}
 
 struct Data {
     std::vector<int> dims;
@@ -195,20 +180,15 @@ struct Data {
 
 // Weights the data into new blocks, or in place when inPlace.
 Data weigh(Data d, const double* const ranges[3], bool inPlace = false) {
-    int n[3];
-    const int nvol = homodyne_volume_sizes(int(d.dims.size()), d.dims.data(), n);
-    std::vector<float> weights(n[0] + n[1] + n[2]);
-    int edges[3][2];
-    const int count = homodyne_filter_setup(n, ranges, weights.data(), edges);
+    const Plan s = plan(d.dims, ranges);
     float* im = d.im.empty() ? nullptr : d.im.data();
-    if (inPlace) {
-        homodyne_weight(d.re.data(), im, n, nvol, weights.data(), count, d.re.data(), im);
-        return d;
-    }
-    Data out{d.dims, std::vector<float>(d.re.size()), std::vector<float>(d.im.size())};
-    homodyne_weight(d.re.data(), im, n, nvol, weights.data(), count, out.re.data(),
-                    im ? out.im.data() : nullptr);
-    return out;
+    Data out = inPlace
+                   ? Data()
+                   : Data{d.dims, std::vector<float>(d.re.size()), std::vector<float>(d.im.size())};
+    Data& target = inPlace ? d : out;
+    homodyne_weight(d.re.data(), im, s.n, s.nvol, s.weights.data(), s.count, target.re.data(),
+                    im ? target.im.data() : nullptr);
+    return target;
 }
 
 // Element-by-element weighting as the filter is defined: no table.
@@ -262,6 +242,9 @@ TEST(FilterWeight, GeometricMeanOfTheFilteredAxes) {
     EXPECT_EQ(three.re[28 + 64 * (36 + 64 * 40)], cbrtf(0.75f * 1.25f * 2.0f));
 }
 
+// The table of weights against one powf per sample, safe and in place, real and complex, with
+// one and two threads: five volumes split unevenly, and a single volume whose table both
+// threads build.
 TEST(FilterWeight, BitIdenticalToElementwiseWeighting) {
     const double r[] = {-8, 31}, rejected[] = {-30, 5}, symmetric[] = {-31, 31};
     const double* cases[][3] = {
@@ -273,33 +256,21 @@ TEST(FilterWeight, BitIdenticalToElementwiseWeighting) {
         {nullptr, nullptr, nullptr},
         {rejected, symmetric, r},
     };
-    const std::size_t n = 64 * 48 * 3 * 5;
-    const Data complex{{64, 48, 3, 5}, samples(n, 1), samples(n, 2)};
-    const Data real{{64, 48, 3, 5}, samples(n, 3), {}};
-    for (const auto& ranges : cases) {
-        for (const Data& d : {complex, real}) {
-            const Data expect = weigh_reference(d, ranges);
-            const Data got = weigh(d, ranges);
-            EXPECT_TRUE(same_bits(got.re, expect.re));
-            EXPECT_TRUE(same_bits(got.im, expect.im));
-            const Data inPlace = weigh(d, ranges, true);
-            EXPECT_TRUE(same_bits(inPlace.re, expect.re));
-            EXPECT_TRUE(same_bits(inPlace.im, expect.im));
-        }
-    }
-}
-
-TEST(FilterWeight, SameBitsWithOneAndTwoThreads) {
-    const double r[] = {-8, 31};
-    const double* ranges[3] = {r, r, nullptr};
-    // 5 volumes split unevenly, and a single volume built by both threads' table rows.
     for (const std::vector<int>& dims : {std::vector<int>{64, 48, 3, 5}, {64, 48}}) {
-        std::size_t n = 1;
-        for (int d : dims) n *= d;
-        const Data d{dims, samples(n, 4), samples(n, 5)};
-        const Data one = with_threads(1, [&] { return weigh(d, ranges); });
-        const Data two = with_threads(2, [&] { return weigh(d, ranges); });
-        EXPECT_TRUE(same_bits(one.re, two.re));
-        EXPECT_TRUE(same_bits(one.im, two.im));
+        const std::size_t n = std::size_t(64) * 48 * (dims.size() > 2 ? 15 : 1);
+        const Data complex{dims, samples(n, 1), samples(n, 2)}, real{dims, samples(n, 3), {}};
+        for (const auto& ranges : cases) {
+            for (const Data& d : {complex, real}) {
+                const Data expect = weigh_reference(d, ranges);
+                for (int threads : {1, 2}) {
+                    for (bool inPlace : {false, true}) {
+                        const Data got =
+                            with_threads(threads, [&] { return weigh(d, ranges, inPlace); });
+                        EXPECT_TRUE(same_bits(got.re, expect.re)) << threads << inPlace;
+                        EXPECT_TRUE(same_bits(got.im, expect.im)) << threads << inPlace;
+                    }
+                }
+            }
+        }
     }
 }
