@@ -12,8 +12,8 @@ function results = demo_homodyne(outdir)
   end
   cases = {'2-D, 5/8 along ky', [256 256], 'homodyne2d'
            '3-D, 5/8 along ky and kz', [128 128 128], 'homodyne3d'};
-  printf('\nHomodyne partial-Fourier reconstruction, NRMSE against the fully sampled image\n');
-  printf('%-28s %12s %12s\n', 'case', 'zero-filled', 'homodyne');
+  fprintf('\nHomodyne partial-Fourier reconstruction, NRMSE against the fully sampled image\n');
+  fprintf('%-28s %12s %12s\n', 'case', 'zero-filled', 'homodyne');
   results = struct('name', {}, 'zero_filled', {}, 'homodyne', {});
   for c = 1:size(cases, 1)
     [name, sz, stem] = cases{c, :};
@@ -22,10 +22,10 @@ function results = demo_homodyne(outdir)
     r.zero_filled = mrkit_nrmse(zerofilled, full);
     r.homodyne = mrkit_nrmse(homodyne, full);
     results(end + 1) = r;
-    printf('%-28s %12.4f %12.4f\n', name, r.zero_filled, r.homodyne);
+    fprintf('%-28s %12.4f %12.4f\n', name, r.zero_filled, r.homodyne);
     write_pictures(outdir, stem, full, zerofilled, homodyne);
   end
-  printf('Pictures in %s (for 3-D the central x slice).\n', outdir);
+  fprintf('Pictures in %s (for 3-D the central x slice).\n', outdir);
 end
 
 function [full, zerofilled, homodyne] = reconstruct(sz)
