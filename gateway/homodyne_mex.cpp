@@ -133,7 +133,7 @@ void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     if (!mxIsChar(prhs[0]))
         return mex::fail("The first input must be a string describing the functionality.");
     // Rows times columns plus one, in 32-bit arithmetic; a size that wraps to nothing leaves
-    // room for the terminator only (and the host reports the truncation).
+    // room for the terminator only, and the copy then warns of the truncation.
     const int size = static_cast<int32_t>(
         static_cast<uint32_t>(mxGetM(prhs[0])) * static_cast<uint32_t>(mxGetN(prhs[0])) + 1u);
     const int length = size > 0 ? size : 1;
