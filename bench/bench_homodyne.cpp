@@ -4,7 +4,8 @@
 // (4 MiB, cache-resident). Each core runs in its safe form (separate output), so every iteration
 // sees the same input: the in-place form runs the same loop but would drift its own data toward
 // denormals over repeated passes. Second argument: OpenMP threads. At the end every run is
-// printed as ratio_vs_memcpy = memcpy time / run time for the same nvol (1.0 = memcpy speed).
+// printed as ratio_vs_memcpy = memcpy time / run time for the same nvol (1.0 = memcpy speed);
+// with --benchmark_repetitions=N the medians are compared.
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
@@ -105,13 +106,16 @@ BENCHMARK(BM_filter_weight)->Apply(cases);
 BENCHMARK(BM_multiply_same)->Apply(cases);
 BENCHMARK(BM_multiply_interpolated)->Apply(cases);
 
-// Console output as usual, plus the time per iteration of every run kept for the ratios.
+// Console output as usual, plus the time per iteration of every run kept for the ratios: the
+// median when repetitions are asked for (--benchmark_repetitions), else the single run.
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& run : runs)
-            if (run.run_type == Run::RT_Iteration)
-                seconds_[run.benchmark_name()] = run.GetAdjustedRealTime();
+        for (const auto& run : runs) {
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (run.run_type == Run::RT_Iteration || median)
+                seconds_[run.run_name.str()] = run.GetAdjustedRealTime();
+        }
         ConsoleReporter::ReportRuns(runs);
     }
 
@@ -121,9 +125,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
             std::string family, nvol;
             std::getline(parts, family, '/');
             std::getline(parts, nvol, '/');
-            if (family == "BM_memcpy") continue;
             const auto copy = seconds_.find("BM_memcpy/" + nvol + "/real_time");
-            if (copy == seconds_.end()) continue;
+            if (family == "BM_memcpy" || copy == seconds_.end()) continue;
             std::cout << "ratio_vs_memcpy " << name << " " << copy->second / time << "\n";
         }
     }
