@@ -56,8 +56,17 @@ void fill_weight_rows(const float* fx, const float* fy, const float* fz, int nx,
     }
 }
 
-void scale(const float* in, const float* table, std::size_t n, float* out) {
-    for (std::size_t e = 0; e < n; ++e) out[e] = in[e] * table[e];
+// One volume times the table; real and imaginary parts in one pass over the table.
+void scale(const float* re, const float* im, const float* table, std::size_t n, float* outRe,
+           float* outIm) {
+    if (!im) {
+        for (std::size_t e = 0; e < n; ++e) outRe[e] = re[e] * table[e];
+        return;
+    }
+    for (std::size_t e = 0; e < n; ++e) {
+        outRe[e] = re[e] * table[e];
+        outIm[e] = im[e] * table[e];
+    }
 }
 
 // Each sample d of one row becomes Re(d * conj(l)) / |l| in the order of operations the
@@ -308,8 +317,8 @@ void homodyne_weight(const float* re, const float* im, const int* n, int nvol, c
 #pragma omp barrier
         for (int v = begin; v < end; ++v) {
             const std::size_t offset = v * volume;
-            scale(re + offset, t, volume, outRe + offset);
-            if (im) scale(im + offset, t, volume, outIm + offset);
+            scale(re + offset, im ? im + offset : nullptr, t, volume, outRe + offset,
+                  im ? outIm + offset : nullptr);
         }
     });
 }
