@@ -1,0 +1,24 @@
+// Bit-for-bit comparison of float blocks (NaNs included), with the first difference reported.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+inline uint32_t float_bits(float x) {
+    uint32_t b;
+    std::memcpy(&b, &x, sizeof b);
+    return b;
+}
+
+inline ::testing::AssertionResult same_bits(const std::vector<float>& a,
+                                            const std::vector<float>& b) {
+    if (a.size() != b.size()) return ::testing::AssertionFailure() << "sizes differ";
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (float_bits(a[i]) != float_bits(b[i]))
+            return ::testing::AssertionFailure()
+                   << "element " << i << ": " << a[i] << " vs " << b[i];
+    return ::testing::AssertionSuccess();
+}
