@@ -33,7 +33,10 @@ Value blend(Read read, int b, int nx, int plane, int N, Weight t1, Weight t2, We
     };
     if (count == 0) return Value(0);
     Value sum = term(0);
-    for (int c = 1; c < count; ++c) sum += term(c);
+    // With one row per plane (+nx == +plane) the lower-plane corner b+nx+1 can pass the end
+    // while b+plane does not; it contributes zero like every corner past the end.
+    for (int c = 1; c < count; ++c)
+        if (b + offsets[c] < N) sum += term(c);
     return sum;
 }
 

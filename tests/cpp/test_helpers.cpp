@@ -119,6 +119,18 @@ TEST(Interpolation, RowOverrunAndFlatEndFade) {
     EXPECT_EQ(MR_linear_interpolation(g.data(), 1.f, 1.f, 0.25f, dims), g[5] * 0.75f);
 }
 
+TEST(Interpolation, OneRowPerPlaneNeverReadsPastTheBlock) {
+    // nx = 4, ny = 1, nz = 2: at the last sample of the first plane the +nx+1 corner lies one
+    // past the end while +plane is inside. The block sits in a larger buffer whose next
+    // sample is poison, so a read past the end would show.
+    const int dims[] = {4, 1, 2};
+    std::vector<float> g = ramp(9);
+    g[8] = std::nanf("");
+    const float v = MR_linear_interpolation(g.data(), 0.5f, 3.5f, 0.f, dims);
+    EXPECT_FALSE(std::isnan(v));
+    EXPECT_EQ(v, 0.25f * g[3] + 0.25f * g[4] + 0.25f * g[7]);
+}
+
 TEST(Interpolation, AllFloatOverloadsAgree) {
     const int dims[] = {5, 4, 3};
     Eigen::VectorXi edims(3);
