@@ -1,0 +1,169 @@
+// Gradient non-linearity: the position each gradient coil actually encodes at a point, from
+// the spherical-harmonic expansions of the three coil fields. The Legendre values come from a
+// per-call table except near the poles, where the high orders change too fast for it.
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <memory>
+
+#include "recon/geometry/legendre_block.hpp"
+#include "recon/parallel.hpp"
+#include "recon/recon.hpp"
+
+namespace {
+
+constexpr int kDegrees = 17;    // degrees 0..16 (z series); x and y stop at 13
+constexpr int kOrders = 12;     // orders 0..11
+constexpr int kDegreesXY = 14;  // rows 0..13 of the transverse coefficient matrices
+constexpr int kSamples = 10000;
+constexpr int kRow = kDegrees * kOrders;  // floats per table sample
+constexpr int kPacked = 204;
+constexpr float kStep = 0.00020002000383101404f;  // 2 / 9999 as the table builds it
+
+// Nearest table sample at or below c (truncation, no interpolation), kept in range. Clamping
+// in float before the conversion gives the same row as truncate-then-clamp for every c, and a
+// NaN lands on row 0 instead of an undefined conversion.
+int table_row(float c) {
+    const float q = (c + 1.0f) / kStep;
+    if (q >= static_cast<float>(kSamples - 1)) return kSamples - 1;
+    return q > 0.0f ? static_cast<int>(q) : 0;
+}
+
+// Points go through in small batches, and each batch is located (angles, radial powers, table
+// row) one batch ahead, so that its table rows are on their way into the cache while the batch
+// before it is evaluated. The sums then run across a batch, each point's long chain of
+// additions keeping its fixed order while the chains of the batch proceed side by side. Every
+// point still takes exactly the operations of a one-at-a-time loop.
+constexpr int kBatch = 8;
+constexpr int kTerms = 88;  // (order, degree) pairs of the transverse series
+
+// One value per point of a batch. Lane-wise arithmetic rounds exactly like scalar arithmetic.
+typedef float Lanes __attribute__((vector_size(kBatch * sizeof(float))));
+
+struct Located {
+    int count;
+    float phi[kBatch];
+    Lanes pw[kDegrees];          // (r / r0)^n
+    const float* row[kBatch];    // P[m * kDegrees + n] = P_n^m(cos theta)
+    float direct[kBatch][kRow];  // rows evaluated directly near the poles
+};
+
+void locate(Located& b, const float* x, const float* y, const float* z, int count, float r0,
+            const float* table) {
+    b.count = count;
+    for (int j = 0; j < kBatch; ++j) {
+        // A short batch repeats its first point; those lanes are never stored.
+        const int p = j < count ? j : 0;
+        float sph[3];
+        getRadiusThetaPhi(x[p], y[p], z[p], sph);
+        b.phi[j] = sph[2];
+        const float c = std::cos(sph[1]);
+        const double cd = c;
+        if (cd <= -0.9 || cd >= 0.9) {
+            mrkit::geometry::legendre_block(kDegrees, kOrders, c, b.direct[j]);
+            b.row[j] = b.direct[j];
+        } else {
+            b.row[j] = table + static_cast<std::ptrdiff_t>(table_row(c)) * kRow;
+            for (int f = 0; f < kRow; f += 16) __builtin_prefetch(b.row[j] + f);
+            __builtin_prefetch(b.row[j] + kRow - 1);  // rows do not start on a cache line
+        }
+        const float q = sph[0] / r0;
+        b.pw[0][j] = 1.0f;
+        for (int n = 1; n < kDegrees; ++n) b.pw[n][j] = b.pw[n - 1][j] * q;
+    }
+}
+
+// The packed series and their normalisation, shared read-only by all threads.
+struct Series {
+    const float* sign;
+    const float* cos;
+    const float* sin;
+    const float* z;
+    float scaleX, scaleY, scaleZ;
+};
+
+struct Evaluator {
+    Lanes cs[kOrders], sn[kOrders], cz;
+    Lanes P[kTerms];     // transverse Legendre values in packed order
+    Lanes P0[kDegrees];  // zonal Legendre values
+
+    void run(const Located& b, const Series& s, float* xOut, float* yOut, float* zOut) {
+        for (int j = 0; j < kBatch; ++j) {
+            for (int m = 1; m < kOrders; ++m) {
+                const float mphi = static_cast<float>(m) * b.phi[j];
+                sn[m][j] = std::sin(mphi);
+                cs[m][j] = std::cos(mphi);
+            }
+            cz[j] = std::cos(b.phi[j] * 0.0f);  // 1 for finite phi; NaN carries through
+            const float* row = b.row[j];
+            int k = 0;
+            for (int m = 1; m < kOrders; ++m)
+                for (int n = m; n < kDegreesXY; ++n) P[k++][j] = row[m * kDegrees + n];
+            for (int n = 1; n < kDegrees; ++n) P0[n][j] = row[n];
+        }
+        Lanes ac = {}, as = {}, az = {};
+        int k = 0;
+        for (int m = 1; m < kOrders; ++m) {
+            for (int n = m; n < kDegreesXY; ++n, ++k) {
+                const Lanes t = (P[k] * s.sign[m]) * b.pw[n];
+                ac = ac + (cs[m] * t) * s.cos[k];
+                as = as + (t * sn[m]) * s.sin[k];
+            }
+        }
+        for (int n = 1; n < kDegrees; ++n) az = az + ((P0[n] * b.pw[n]) * cz) * s.z[n - 1];
+        for (int j = 0; j < b.count; ++j) {
+            xOut[j] = s.scaleX * ac[j];
+            yOut[j] = s.scaleY * as[j];
+            zOut[j] = s.scaleZ * az[j];
+        }
+    }
+};
+
+}  // namespace
+
+void realign_corr_coeffs(float* packedCos, float* packedSin, float* packedZ, int nOrders,
+                         int nDegreesXY, int nDegreesZ, const float (*firstMatrix)[12],
+                         const float (*secondMatrix)[12], const float (*zMatrix)[1]) {
+    int k = 0;
+    for (int m = 1; m < nOrders; ++m) {
+        for (int n = m; n < nDegreesXY; ++n) {
+            packedCos[k] = firstMatrix[n][m];
+            packedSin[k] = secondMatrix[n][m];
+            ++k;
+        }
+    }
+    for (int n = 1; n < nDegreesZ; ++n) packedZ[n - 1] = zMatrix[n][0];
+}
+
+void MR_geometry_correction(const float* x, const float* y, const float* z, float* xOut,
+                            float* yOut, float* zOut, int nPoints, const float (*coefSin)[12],
+                            const float (*coefCos)[12], const float (*coefZ)[1], float r0) {
+    std::unique_ptr<float[]> table(new float[static_cast<std::size_t>(kSamples) * kRow]);
+    std::unique_ptr<float[]> sign(new float[kOrders]);
+    std::unique_ptr<float[]> packedCos(new float[kPacked]);
+    std::unique_ptr<float[]> packedSin(new float[kPacked]);
+    std::unique_ptr<float[]> packedZ(new float[kPacked]);
+
+    create_plgndr_lookup(kDegrees, kOrders, kSamples, table.get());
+    realign_corr_coeffs(packedCos.get(), packedSin.get(), packedZ.get(), kOrders, kDegreesXY,
+                        kDegrees, coefCos, coefSin, coefZ);
+    for (int m = 0; m < kOrders; ++m) sign[m] = static_cast<float>(std::pow(-1.0, m));
+
+    // Each field is normalised by its own linear coefficient.
+    const Series series{sign.get(),         packedCos.get(),    packedSin.get(), packedZ.get(),
+                        r0 / coefCos[1][1], r0 / coefSin[1][1], r0 / coefZ[1][0]};
+    const float* tab = table.get();
+
+    mrkit::parallel_blocks(nPoints, [&](int begin, int end) {
+        std::unique_ptr<Located[]> located(new Located[2]);
+        std::unique_ptr<Evaluator> evaluator(new Evaluator);
+        auto locate_at = [&](int i, Located& b) {
+            locate(b, x + i, y + i, z + i, std::min(kBatch, end - i), r0, tab);
+        };
+        if (begin < end) locate_at(begin, located[0]);
+        for (int i = begin, cur = 0; i < end; i += kBatch, cur ^= 1) {
+            if (i + kBatch < end) locate_at(i + kBatch, located[cur ^ 1]);
+            evaluator->run(located[cur], series, xOut + i, yOut + i, zOut + i);
+        }
+    });
+}
