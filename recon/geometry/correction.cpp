@@ -51,6 +51,7 @@ struct Located {
 void locate(Located& b, const float* x, const float* y, const float* z, int count, float r0,
             const float* table) {
     b.count = count;
+    Lanes q;  // r / r0
     for (int j = 0; j < kBatch; ++j) {
         // A short batch repeats its first point; those lanes are never stored.
         const int p = j < count ? j : 0;
@@ -60,17 +61,17 @@ void locate(Located& b, const float* x, const float* y, const float* z, int coun
         const float c = std::cos(sph[1]);
         const double cd = c;
         if (cd <= -0.9 || cd >= 0.9) {
-            mrkit::geometry::legendre_block(kDegrees, kOrders, c, b.direct[j]);
+            mrkit::geometry::legendre_block(kDegrees, kOrders, c, b.direct[j], kDegreesXY);
             b.row[j] = b.direct[j];
         } else {
             b.row[j] = table + static_cast<std::ptrdiff_t>(table_row(c)) * kRow;
             for (int f = 0; f < kRow; f += 16) __builtin_prefetch(b.row[j] + f);
             __builtin_prefetch(b.row[j] + kRow - 1);  // rows do not start on a cache line
         }
-        const float q = sph[0] / r0;
-        b.pw[0][j] = 1.0f;
-        for (int n = 1; n < kDegrees; ++n) b.pw[n][j] = b.pw[n - 1][j] * q;
+        q[j] = sph[0] / r0;
     }
+    b.pw[0] = Lanes{} + 1.0f;
+    for (int n = 1; n < kDegrees; ++n) b.pw[n] = b.pw[n - 1] * q;
 }
 
 // The packed series and their normalisation, shared read-only by all threads.

@@ -33,7 +33,8 @@ float plgndr(int l, int m, float x) {
     return pll;
 }
 
-void mrkit::geometry::legendre_block(int nDegrees, int nOrders, float x, float* out) {
+void mrkit::geometry::legendre_block(int nDegrees, int nOrders, float x, float* out,
+                                     int nDegreesAboveZero) {
     auto at = [&](int m, int l) -> float& {
         return out[static_cast<std::ptrdiff_t>(m) * nDegrees + l];
     };
@@ -47,7 +48,7 @@ void mrkit::geometry::legendre_block(int nDegrees, int nOrders, float x, float* 
     }
     // Degree outermost: the orders' recurrences are independent, so their divisions overlap.
     for (int ll = 2; ll < nDegrees; ++ll)
-        for (int m = 0; m < nOrders && m + 2 <= ll; ++m)
+        for (int m = 0; m < (ll < nDegreesAboveZero ? nOrders : 1) && m + 2 <= ll; ++m)
             at(m, ll) = next_degree(ll, m, x, at(m, ll - 1), at(m, ll - 2));
 }
 
@@ -60,7 +61,7 @@ void create_plgndr_lookup(int nDegrees, int nOrders, int nSamples, float* table)
         float* row = table + s * stride;
         // The last sample may round to just above 1: it is zeroed, not an exit.
         if (std::fabs(x) <= 1.0f)
-            legendre_block(nDegrees, nOrders, x, row);
+            legendre_block(nDegrees, nOrders, x, row, nDegrees);
         else
             std::fill(row, row + stride, 0.0f);
     }

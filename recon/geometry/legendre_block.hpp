@@ -31,7 +31,9 @@ inline float next_degree(int ll, int m, float x, float pm1, float pm2) {
 }
 
 // Every P_l^m(x) for m < nOrders, l < nDegrees at out[m * nDegrees + l] (0 where m > l), one
-// pass of the recurrence per order instead of one plgndr call per entry. Needs |x| <= 1.
-void legendre_block(int nDegrees, int nOrders, float x, float* out);
+// pass of the recurrence per order instead of one plgndr call per entry. Orders above 0 stop
+// below degree nDegreesAboveZero when that is smaller (their higher entries are left as they
+// were). Needs |x| <= 1.
+void legendre_block(int nDegrees, int nOrders, float x, float* out, int nDegreesAboveZero);
 
 }  // namespace mrkit::geometry
