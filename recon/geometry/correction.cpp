@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <memory>
 
 #include "recon/geometry/legendre_block.hpp"
@@ -83,10 +84,31 @@ struct Series {
     float scaleX, scaleY, scaleZ;
 };
 
+typedef float Quad __attribute__((vector_size(4 * sizeof(float))));
+
+// dst[i][j0 + t] = rows[t][offset + i] for i, t < 4.
+void transpose4(const float* const* rows, int offset, Lanes* dst, int j0) {
+    Quad a, b, c, d;
+    std::memcpy(&a, rows[0] + offset, sizeof a);
+    std::memcpy(&b, rows[1] + offset, sizeof b);
+    std::memcpy(&c, rows[2] + offset, sizeof c);
+    std::memcpy(&d, rows[3] + offset, sizeof d);
+    const Quad ab0 = __builtin_shufflevector(a, b, 0, 4, 1, 5);
+    const Quad ab1 = __builtin_shufflevector(a, b, 2, 6, 3, 7);
+    const Quad cd0 = __builtin_shufflevector(c, d, 0, 4, 1, 5);
+    const Quad cd1 = __builtin_shufflevector(c, d, 2, 6, 3, 7);
+    const Quad out[4] = {__builtin_shufflevector(ab0, cd0, 0, 1, 4, 5),
+                         __builtin_shufflevector(ab0, cd0, 2, 3, 6, 7),
+                         __builtin_shufflevector(ab1, cd1, 0, 1, 4, 5),
+                         __builtin_shufflevector(ab1, cd1, 2, 3, 6, 7)};
+    for (int i = 0; i < 4; ++i)
+        std::memcpy(reinterpret_cast<float*>(&dst[i]) + j0, &out[i], sizeof(Quad));
+}
+
 struct Evaluator {
     Lanes cs[kOrders], sn[kOrders], cz;
-    Lanes P[kTerms];     // transverse Legendre values in packed order
-    Lanes P0[kDegrees];  // zonal Legendre values
+    Lanes P[kTerms + 3];  // transverse Legendre values in packed order (+ room for a run)
+    Lanes P0[kDegrees];   // zonal Legendre values
 
     void run(const Located& b, const Series& s, float* xOut, float* yOut, float* zOut) {
         for (int j = 0; j < kBatch; ++j) {
@@ -96,11 +118,14 @@ struct Evaluator {
                 cs[m][j] = std::cos(mphi);
             }
             cz[j] = std::cos(b.phi[j] * 0.0f);  // 1 for finite phi; NaN carries through
-            const float* row = b.row[j];
-            int k = 0;
-            for (int m = 1; m < kOrders; ++m)
-                for (int n = m; n < kDegreesXY; ++n) P[k++][j] = row[m * kDegrees + n];
-            for (int n = 1; n < kDegrees; ++n) P0[n][j] = row[n];
+        }
+        // Runs of four values of four rows at a time, transposed into lanes. A run may reach
+        // past an order's last degree; the next order's runs overwrite those slots.
+        for (int j0 = 0; j0 < kBatch; j0 += 4) {
+            for (int m = 1, k = 0; m < kOrders; k += kDegreesXY - m, ++m)
+                for (int n = m; n < kDegreesXY; n += 4)
+                    transpose4(b.row + j0, m * kDegrees + n, P + k + (n - m), j0);
+            for (int n = 1; n < kDegrees; n += 4) transpose4(b.row + j0, n, P0 + n, j0);
         }
         Lanes ac = {}, as = {}, az = {};
         int k = 0;
@@ -156,7 +181,8 @@ void MR_geometry_correction(const float* x, const float* y, const float* z, floa
     const float* tab = table.get();
 
     mrkit::parallel_blocks(nPoints, [&](int begin, int end) {
-        std::unique_ptr<Located[]> located(new Located[2]);
+        // Zeroed once: direct rows leave degrees past 13 of orders above 0 unwritten.
+        std::unique_ptr<Located[]> located(new Located[2]());
         std::unique_ptr<Evaluator> evaluator(new Evaluator);
         auto locate_at = [&](int i, Located& b) {
             locate(b, x + i, y + i, z + i, std::min(kBatch, end - i), r0, tab);
