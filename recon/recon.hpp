@@ -93,7 +93,7 @@ void MR_perform_pcsos(const float* re, const float* im, int nOutDims, const int*
 float plgndr(int l, int m, float x);
 // table[(s * nOrders + m) * nDegrees + l] = P_l^m(s * step - 1), step = 2 / (nSamples - 1).
 void create_plgndr_lookup(int nDegrees, int nOrders, int nSamples, float* table);
-// out = (r, theta from +z, phi from +x toward +y in [0, 2 pi)).
+// out = (r, theta from +z in [0, pi], phi from +x toward +y in [0, 2 pi]).
 void getRadiusThetaPhi(float x, float y, float z, float* out);
 float radialFactor(float r, float r0, int n);
 float funcYS(int n, int m, float r, float phi, float r0, float P);
