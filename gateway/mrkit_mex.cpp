@@ -90,6 +90,9 @@ void coilCombine(const Call& call, bool phaseCorrected) {
                phaseCorrected ? "y = mrkit('pcsos', x, coilDim)" : "y = mrkit('sos', x, coilDim)");
     const Floats x = singleArray(call, call.in(0), "x", Complexity::Any, kAnyRank);
     const int coilDim = integers(call, call.in(1), "coilDim", 1, 1, 1, x.rank())[0];
+    // With the coils along the averaging dimension the library would read past the array.
+    if (phaseCorrected && coilDim == 10)
+        call.fail("coilDim must not be 10, the dimension pcsos averages along");
     // The phase-corrected form averages along the tenth dimension, so it reads ten sizes.
     const int n = phaseCorrected ? std::max(10, x.rank()) : x.rank();
     const std::vector<int> dims = x.padded(n);
