@@ -162,7 +162,7 @@
 %! expect_error("mrkit:gradwarp: r0 must have 1 element", "gradwarp", x, y, z, sinc, cosc, zc, [1 2]);
 %! % A row vector of zonal terms and single coefficients are as good as the double column.
 %! [a, b, c] = mrkit("gradwarp", x, y, z, single(sinc), cosc, zc.', r0);
-%! assert([a; b; c], [x; y; z], 1e-6);
+%! assert([a; b; c], [x; y; z], 1e-4);  % table sampled 2/9999 apart in cos(theta)
 
 %!test
 %! % SENSE: data and maps, their agreement, the full size and the options.
