@@ -24,7 +24,7 @@ function result = demo_geometry(outdir)
   coefZ(6) = 0.015;
 
   fov = 200;                               % half width of the planes, mm
-  [u, v] = ndgrid(single(linspace(-fov, fov, 201)));
+  [u, v] = ndgrid(single(linspace(-fov, fov, 161)));
   planes = {"transverse z=0", u, v, zeros(size(u), "single");
             "coronal y=0", u, zeros(size(u), "single"), v};
   printf("\nGradient non-linearity, illustrative coefficients, r0 = %d mm\n", r0);
@@ -48,6 +48,7 @@ function result = demo_geometry(outdir)
   file = fullfile(outdir, "geometry_displacement.png");
   mrkit_save_panels(file, [images {bar}], [labels {sprintf("0-%d mm", top)}], ...
                     {[0 top], [0 top], [0 top]}, viridis(256));
-  printf("  displacement magnitude in mm, colour scale 0 to %d mm (right bar); picture: %s\n", ...
-         top, file);
+  printf("  picture: %s\n  (displacement magnitude, 0 to %d mm as the bar on the right; x runs down,\n", ...
+         file, top);
+  printf("   y or z across, 2.5 mm per pixel; outside the 200 mm sphere set to 0)\n");
 end

@@ -3,7 +3,8 @@ function mrkit_save_panels(file, images, labels, ranges, cmap)
   % cell IMAGES side by side as one RGB PNG, each under its caption from the cell LABELS.
   % RANGES{k} = [lo hi] maps image k onto the colour map (default [0 max]); CMAP is an n x 3
   % colour map (default gray). Rows of an image run down the picture, columns across, as in
-  % Octave's display of a matrix; small images are enlarged by whole factors.
+  % Octave's display of a matrix; small images are enlarged by whole factors, up to about
+  % 400 pixels high and 1600 wide.
   if nargin < 4 || isempty(ranges)
     ranges = cell(size(images));
   end
@@ -11,7 +12,8 @@ function mrkit_save_panels(file, images, labels, ranges, cmap)
     cmap = gray(256);
   end
   height = max(cellfun(@rows, images));
-  zoom = max(1, floor(320 / height));
+  width = sum(cellfun(@columns, images));
+  zoom = max(1, floor(min(400 / height, 1600 / width)));
   gap = 8;
   textScale = 2;
   tiles = {};
