@@ -201,18 +201,31 @@ inline std::vector<int> integers(const Call& call, const mxArray* a, const std::
     return out;
 }
 
-// A new single array (zero-filled by the host) and its blocks.
+// A new single array and its blocks.
 struct NewFloats {
     mxArray* array;
     float* re;
     float* im;  // null when real
 };
 
-inline NewFloats newSingle(const std::vector<int>& dims, bool complex) {
-    std::vector<mwSize> hostDims(dims.begin(), dims.end());
+// Zeroed for the library functions that need it; left as it comes where every sample is
+// written anyway, which saves the host a pass over the memory.
+enum class Fill { Zero, None };
+
+inline NewFloats newSingle(const std::vector<int>& dims, bool complex, Fill fill) {
+    const mxComplexity c = complex ? mxCOMPLEX : mxREAL;
     NewFloats out;
-    out.array = mxCreateNumericArray(static_cast<mwSize>(hostDims.size()), hostDims.data(),
-                                     mxSINGLE_CLASS, complex ? mxCOMPLEX : mxREAL);
+#ifdef MRKIT_MATLAB
+    // MATLAB declares the uninitialised form with size_t sizes, whatever mwSize is.
+    std::vector<size_t> uninitDims(dims.begin(), dims.end());
+#else
+    std::vector<mwSize> uninitDims(dims.begin(), dims.end());
+#endif
+    std::vector<mwSize> hostDims(dims.begin(), dims.end());
+    out.array = fill == Fill::Zero ? mxCreateNumericArray(static_cast<mwSize>(hostDims.size()),
+                                                          hostDims.data(), mxSINGLE_CLASS, c)
+                                   : mxCreateUninitNumericArray(
+                                         uninitDims.size(), uninitDims.data(), mxSINGLE_CLASS, c);
     out.re = static_cast<float*>(mxGetData(out.array));
     out.im = complex ? static_cast<float*>(mxGetImagData(out.array)) : nullptr;
     return out;
@@ -220,7 +233,7 @@ inline NewFloats newSingle(const std::vector<int>& dims, bool complex) {
 
 // Copies an input into a new array of the same shape, for the library's in-place operations.
 inline NewFloats copyOf(const Floats& x) {
-    NewFloats out = newSingle(x.dims, x.im != nullptr);
+    NewFloats out = newSingle(x.dims, x.im != nullptr, Fill::None);
     std::copy(x.re, x.re + x.numel, out.re);
     if (x.im) std::copy(x.im, x.im + x.numel, out.im);
     return out;

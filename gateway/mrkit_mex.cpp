@@ -62,7 +62,7 @@ void zeropad(const Call& call) {
     for (int d = 3; d < x.rank(); ++d) outDims.push_back(x.dims[d]);
     if (sizeBound(outDims) > kMaxIndex) call.fail("newSize is too large for 32-bit indices");
 
-    NewFloats y = newSingle(toInts(outDims), x.im != nullptr);  // zero-filled, as required
+    NewFloats y = newSingle(toInts(outDims), x.im != nullptr, Fill::Zero);
     MR_zero_pad(x.re, x.im, x.rank(), x.dims.data(), newSize[0], newSize[1], newSize[2], y.re,
                 y.im);
     call.give(0, y.array);
@@ -99,13 +99,13 @@ void coilCombine(const Call& call, bool phaseCorrected) {
     std::vector<int> outDims = dims;
     outDims[coilDim - 1] = 1;
 
-    NewFloats y =
-        newSingle(std::vector<int>(outDims.begin(), outDims.begin() + x.rank()), phaseCorrected);
+    // The sum of squares accumulates into its output; the phase-corrected form overwrites it.
+    const std::vector<int> shape(outDims.begin(), outDims.begin() + x.rank());
+    NewFloats y = newSingle(shape, phaseCorrected, phaseCorrected ? Fill::None : Fill::Zero);
     if (phaseCorrected)
         MR_perform_pcsos(x.re, x.im, n, dims.data(), coilDim, y.re, y.im, outDims.data());
     else
-        MR_perform_sos(x.re, x.im, n, dims.data(), coilDim, y.re,
-                       outDims.data());  // sums into zeros
+        MR_perform_sos(x.re, x.im, n, dims.data(), coilDim, y.re, outDims.data());
     call.give(0, y.array);
 }
 
@@ -163,7 +163,7 @@ void gradwarp(const Call& call) {
     if (coefZ[1][0] == 0.f) call.fail("coefZ(2) must be non-zero");
 
     NewFloats out[3];
-    for (int i = 0; i < 3; ++i) out[i] = newSingle(p[0].dims, false);
+    for (int i = 0; i < 3; ++i) out[i] = newSingle(p[0].dims, false, Fill::None);
     MR_geometry_correction(p[0].re, p[1].re, p[2].re, out[0].re, out[1].re, out[2].re, p[0].numel,
                            coefSin, coefCos, coefZ, static_cast<float>(r0));
     for (int i = 0; i < 3; ++i) call.give(i, out[i].array);
@@ -265,7 +265,7 @@ void sense(const Call& call) {
     const int noiseDims[2] = {coils, coils};
     const int one[1] = {1};
 
-    NewFloats img = newSingle(toInts(outDims), true);  // zero where no folded voxel reaches
+    NewFloats img = newSingle(toInts(outDims), true, Fill::Zero);  // zero where nothing unfolds
     const std::vector<int> outDims32 = toInts(outDims);
     const int status =
         MR_sense_recon(folded.re, folded.im, nFolded, fd.data(), sens.re,
