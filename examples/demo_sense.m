@@ -13,7 +13,7 @@ function results = demo_sense(outdir)
   nx = 160;
   ny = 160;
   ncoils = 8;
-  rho = mrkit_sense_phantom(nx, ny);
+  rho = mrkit_phantom([nx ny]);
   sens = mrkit_coil_maps(nx, ny, ncoils);
   coilImages = rho .* sens;
   sigma = 0.01 * max(abs(coilImages(:)));
@@ -24,7 +24,6 @@ function results = demo_sense(outdir)
 
   factors = [2 2.5];
   results = struct("R", num2cell(factors), "nrmse", [], "nrmseNoisy", [], "nrmseRegularised", []);
-  nrmse = @(img) norm(double(img(:)) - double(rho(:))) / norm(double(rho(:)));
   printf("\nSENSE unfolding, %dx%d phantom, %d coils, noise sigma %.3g (1%% of the peak coil signal)\n", ...
          nx, ny, ncoils, sigma);
   printf("  %-5s %-9s %12s %12s %14s\n", "R", "folded", "NRMSE", "NRMSE noisy", "regularised");
@@ -37,9 +36,9 @@ function results = demo_sense(outdir)
     noisy = mrkit("sense", folded + noise, sens, [nx ny], "noise", psi);
     regularised = mrkit("sense", folded + noise, sens, [nx ny], "noise", psi, ...
                         "reference", prior, "regularization", prior, "regScale", 2);
-    results(k).nrmse = nrmse(img);
-    results(k).nrmseNoisy = nrmse(noisy);
-    results(k).nrmseRegularised = nrmse(regularised);
+    results(k).nrmse = mrkit_nrmse(img, rho);
+    results(k).nrmseNoisy = mrkit_nrmse(noisy, rho);
+    results(k).nrmseRegularised = mrkit_nrmse(regularised, rho);
     printf("  %-5.1f %3dx%-5d %12.2e %12.2e %14.2e\n", factors(k), nx, nyFolded, ...
            results(k).nrmse, results(k).nrmseNoisy, results(k).nrmseRegularised);
 
