@@ -62,7 +62,7 @@ std::vector<Case>& cases() {
         static std::vector<int> dims = {192, 192, 32};
         static Complex in(product(dims), 3);
         static std::vector<float> outRe, outIm;
-        const size_t n = 256 * 256 * 32;
+        const size_t n = product({256, 256, 32});
         all.push_back({"zeropad",
                        [n] {
                            outRe.assign(n, 0.f);  // the host hands out zero-filled arrays
