@@ -265,8 +265,8 @@ void sense(const Call& call) {
     const int noiseDims[2] = {coils, coils};
     const int one[1] = {1};
 
-    NewFloats img = newSingle(toInts(outDims), true, Fill::Zero);  // zero where nothing unfolds
     const std::vector<int> outDims32 = toInts(outDims);
+    NewFloats img = newSingle(outDims32, true, Fill::Zero);  // zero where nothing unfolds
     const int status =
         MR_sense_recon(folded.re, folded.im, nFolded, fd.data(), sens.re,
                        realSens ? zeros.data() : sens.im, 4, sensDims, noise ? noise->re : nullptr,
