@@ -1,0 +1,171 @@
+% The toolkit commands of mrkit.mex against Octave's own functions or an independent
+% computation of the same definition; every call must leave its input as it was.
+
+%!function x = random_single(sz, cplx)
+%!  x = single(randn(sz));
+%!  if cplx
+%!    x = complex(x, single(randn(sz)));
+%!  end
+%!endfunction
+
+%!function y = call_keeping_input(varargin)
+%!  % mrkit(varargin{:}), asserting that the data argument is unchanged afterwards.
+%!  before = double(varargin{2});  % a deep copy: shared storage would hide a write
+%!  y = mrkit(varargin{:});
+%!  assert(isequal(double(varargin{2}), before), "mrkit('%s') changed its input", varargin{1});
+%!endfunction
+
+%!test
+%! % Shifts equal Octave's fftshift/ifftshift for even, odd and unit sizes, ranks 2 to 5,
+%! % real and complex data, including dimension 3 of a 2-D array.
+%! randn("state", 1);
+%! shapes = {[4 5], [5 4 3], [3 1 4 2], [1 6 5 2 3], [7 1]};
+%! for k = 1:numel(shapes)
+%!   for cplx = [false true]
+%!     x = random_single(shapes{k}, cplx);
+%!     for dim = 1:3
+%!       y = call_keeping_input("fftshift", x, dim);
+%!       if dim > ndims(x)
+%!         assert(isequal(y, x));  % Octave's fftshift rejects a dimension past the rank
+%!         continue;
+%!       end
+%!       assert(isequal(y, fftshift(x, dim)));
+%!       assert(class(y), "single");
+%!       assert(iscomplex(y), cplx);
+%!       z = call_keeping_input("ifftshift", y, dim);
+%!       assert(isequal(z, ifftshift(y, dim)));
+%!       assert(isequal(z, x));
+%!     end
+%!   end
+%! end
+
+%!test
+%! % Zero padding equals placing the data by indexing, with ceil((M - N) / 2) zeros before it;
+%! % dimensions 4 and up keep their sizes; a 2-entry size leaves dimension 3 alone.
+%! randn("state", 2);
+%! cases = {{[3 4], [6 8]}, {[3 4], [6 8 3]}, {[4 3 2], [5 7 5]}, {[2 3 1 4 2], [5 3 2]}, ...
+%!          {[3 3 3], [3 3 3]}, {[4 1 3 2], [7 6]}};
+%! for k = 1:numel(cases)
+%!   [sz, newSize] = cases{k}{:};
+%!   for cplx = [false true]
+%!     x = random_single(sz, cplx);
+%!     y = call_keeping_input("zeropad", x, newSize);
+%!     full = [newSize size(x, 3)](1:3);
+%!     expected = zeros([full sz(4:end)], "single");
+%!     if cplx
+%!       expected = complex(expected);
+%!     end
+%!     s = ceil((full - [size(x, 1) size(x, 2) size(x, 3)]) / 2);
+%!     expected(s(1) + (1:size(x, 1)), s(2) + (1:size(x, 2)), s(3) + (1:size(x, 3)), :) = ...
+%!       reshape(x, size(x, 1), size(x, 2), size(x, 3), []);
+%!     assert(isequal(y, expected), "case %d", k);
+%!     assert(iscomplex(y), cplx);
+%!   end
+%! end
+
+%!function w = hamming_window(n, strength, width)
+%!  % One dimension of the ringing window, in the single and double steps that fix its bits.
+%!  if strength > 0.915
+%!    a = single(0.085);
+%!  elseif strength >= 0
+%!    a = single(1 - strength);
+%!  else
+%!    a = single(1);
+%!  end
+%!  theta = acos((double(a) - 0.54) / 0.46);
+%!  c = single(double(single(width) * single(6.2831855) * single(0.5)) / theta);
+%!  lo = -floor(width * 0.5);
+%!  hi = ceil(width * 0.5) - 1;
+%!  w = zeros(n, 1, "single");
+%!  for i = 0:n - 1
+%!    k = i - floor(n * 0.5);
+%!    if k >= lo && k <= hi
+%!      w(i + 1) = single(0.54 + 0.46 * double(cos(single(k) * single(6.2831855) / c)));
+%!    end
+%!  end
+%!endfunction
+
+%!test
+%! % The ringing filter is the separable window product, bit for bit; entries missing from
+%! % strength or width leave their dimension unfiltered.
+%! randn("state", 3);
+%! cases = {{[8 6 4], [0.5 0.2 0.9], [8 4 3]}, {[16 5], [0.3 0.1], [6 5]}, ...
+%!          {[7 9 3 2], 1.0, 5}, {[6 6 2], [-0.4 0.6 0.7], [6 7 2]}};
+%! for k = 1:numel(cases)
+%!   [sz, strength, width] = cases{k}{:};
+%!   s = [strength zeros(1, 3 - numel(strength))];
+%!   n = [sz 1 1](1:3);
+%!   w = [width n(numel(width) + 1:end)];
+%!   win = hamming_window(n(1), s(1), w(1)) .* hamming_window(n(2), s(2), w(2)).';
+%!   win = win .* reshape(hamming_window(n(3), s(3), w(3)), 1, 1, []);
+%!   for cplx = [false true]
+%!     x = random_single(sz, cplx);
+%!     y = call_keeping_input("ringing", x, strength, width);
+%!     assert(isequal(y, x .* win), "case %d", k);
+%!   end
+%! end
+
+%!test
+%! % Known window values: strength 0.5 over 8 samples, and no change at strength 0 and full
+%! % width; a narrow support cuts k-space to it.
+%! y = mrkit("ringing", ones(8, 1, "single"), [0.5 0 0], [8 1 1]);
+%! assert(y([1 5 8]), single([0.49999997; 1; 0.68792748]));
+%! x = complex(single(randn(6, 5, 4)), single(randn(6, 5, 4)));
+%! assert(isequal(mrkit("ringing", x, [0 0 0], [6 5 4]), x));
+%! y = mrkit("ringing", ones(16, 2, "single"), [0 0], [6 2]);
+%! assert(find(y(:, 1)).', 6:11);
+
+%!test
+%! % Sum of squares: the same bits as accumulating re^2 then im^2 coil by coil in single, and
+%! % Octave's sqrt(sum(abs(x).^2, d)) to rounding; coils first, in the middle or last.
+%! randn("state", 4);
+%! for cplx = [false true]
+%!   x = random_single([5 4 3 6], cplx);
+%!   for d = 1:4
+%!     y = call_keeping_input("sos", x, d);
+%!     acc = zeros(size(sum(x, d)), "single");
+%!     for c = 1:size(x, d)
+%!       idx = repmat({':'}, 1, 4);
+%!       idx{d} = c;
+%!       acc = acc + real(x(idx{:})).^2;
+%!       if cplx
+%!         acc = acc + imag(x(idx{:})).^2;
+%!       end
+%!     end
+%!     assert(isequal(y, sqrt(acc)), "coilDim %d", d);
+%!     assert(y, sqrt(sum(abs(x).^2, d)), -1e-6);
+%!     assert(isreal(y) && isa(y, "single"));
+%!   end
+%! end
+
+%!test
+%! % Phase-corrected sum of squares: magnitude as sos; phase that of the coils summed with
+%! % weights equal to their mean magnitude along dimension 10.
+%! randn("state", 5);
+%! sz = [4 3 2 5 1 1 2 1 1 3];
+%! for cplx = [true false]
+%!   x = random_single(sz, cplx);
+%!   for d = [1 4 7]
+%!     y = call_keeping_input("pcsos", x, d);
+%!     assert(size(y), size(sum(x, d)));
+%!     assert(iscomplex(y) && isa(y, "single"));
+%!     assert(abs(y), sqrt(sum(abs(x).^2, d)), -1e-5);
+%!     weighted = sum(double(x) .* mean(abs(double(x)), 10), d);
+%!     if cplx
+%!       assert(angle(y), single(angle(weighted)), 1e-4);
+%!     else
+%!       % Real data keeps a real sign: phase 0 or pi.
+%!       assert(real(y) .* sign(weighted) >= 0);
+%!     end
+%!   end
+%! end
+
+%!test
+%! % Empty arrays pass through every toolkit command with the sizes Octave's own give.
+%! x = zeros(0, 3, "single");
+%! assert(size(mrkit("fftshift", x, 2)), [0 3]);
+%! assert(size(mrkit("sos", x, 2)), [0 1]);
+%! assert(size(mrkit("pcsos", x, 1)), [1 3]);
+%! assert(size(mrkit("ringing", x, 0.5, [1 3])), [0 3]);
+%! assert(size(mrkit("zeropad", x, [2 3])), [2 3]);
+%! assert(all(mrkit("zeropad", x, [2 3])(:) == 0));
