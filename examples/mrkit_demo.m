@@ -10,4 +10,7 @@ function mrkit_demo(outdir)
     mkdir(outdir);
   end
   demo_homodyne(outdir);
+  demo_sense(outdir);
+  demo_geometry(outdir);
+  demo_coils(outdir);
 end

@@ -6,5 +6,5 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$root/scripts/build.sh" default
 mkdir -p "$root/out"
 cd "$root"
-octave-cli --norc --quiet --no-window-system --eval \
+octave-cli --norc --quiet --no-window-system --no-history --eval \
   "addpath('$root/build/mex', '$root/gateway', '$root/examples'); mrkit_demo('$root/out');"
