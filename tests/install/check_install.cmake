@@ -1,5 +1,6 @@
 # Installs the build tree into a scratch prefix, builds the stand-alone example against the
-# installed package and runs it; any failing step fails the test.
+# installed package and runs it; any failing step fails the test. FLAGS carries the
+# sanitizer options of an instrumented build, whose library needs them at link time.
 set(prefix ${BUILD_DIR}/install-check/prefix)
 set(example ${BUILD_DIR}/install-check/example)
 file(REMOVE_RECURSE ${BUILD_DIR}/install-check)
@@ -12,12 +13,17 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(f include/recon/recon.hpp lib/cmake/mrkit/mrkitConfig.cmake share/mrkit/mex/homodyne.mex)
+set(expected include/recon/recon.hpp lib/cmake/mrkit/mrkitConfig.cmake share/mrkit/mex/mrkit.m)
+if(EXPECT_MEX)
+  list(APPEND expected share/mrkit/mex/homodyne.mex share/mrkit/mex/mrkit.mex)
+endif()
+foreach(f ${expected})
   if(NOT EXISTS ${prefix}/${f})
     message(FATAL_ERROR "not installed: ${f}")
   endif()
 endforeach()
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${example} -DCMAKE_PREFIX_PATH=${prefix}
-    -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_BUILD_TYPE=Release)
+    -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_BUILD_TYPE=Release
+    "-DCMAKE_CXX_FLAGS=${FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${FLAGS}")
 run(${CMAKE_COMMAND} --build ${example})
 run(${example}/coil_combine)
