@@ -32,6 +32,9 @@ const char* const kRangeLength[3] = {"The kx-range must be of length 2.",
                                      "The ky-range must be of length 2.",
                                      "The kz-range must be of length 2."};
 
+// Beyond the fixed checks: the cores index with 32-bit ints.
+const char* const kTooLarge = "Data is too large for 32-bit indices.";
+
 // Null when the range is acceptable; a range counts as absent when mex::is_empty.
 const char* range_shape_error(const mxArray* range, int axis) {
     if (mex::ndims(range) > 2) return kRangeDims[axis];
@@ -64,6 +67,7 @@ void ApplyHomodyneFilter(int nlhs, mxArray** plhs, int nrhs, const mxArray** prh
         if (mex::is_empty(ranges[r])) continue;
         if (const char* error = range_shape_error(ranges[r], r)) return mex::fail(error);
     }
+    if (!mex::fits_int32(data)) return mex::fail(kTooLarge);
 
     std::vector<double> values[3];
     const double* rangeValues[3] = {nullptr, nullptr, nullptr};
@@ -109,6 +113,7 @@ void AddLowResPhase(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs) {
     if (mex::ndims(data) != mex::ndims(low))
         return mex::fail(
             "The data must have the same number of dimensions than the low resolution data");
+    if (!mex::fits_int32(data) || !mex::fits_int32(low)) return mex::fail(kTooLarge);
     const std::vector<int> dims = mex::dims(data);
     const std::vector<int> lowDims = mex::dims(low);
     const int ndims = static_cast<int>(dims.size());
@@ -130,7 +135,9 @@ void AddLowResPhase(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs) {
 }
 
 void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
-    if (!mxIsChar(prhs[0]))
+    // A call without arguments gets the same answer as a non-string first argument rather
+    // than a read of an input that is not there.
+    if (nrhs < 1 || !mxIsChar(prhs[0]))
         return mex::fail("The first input must be a string describing the functionality.");
     // Rows times columns plus one, in 32-bit arithmetic; a size that wraps to nothing leaves
     // room for the terminator only, and the copy then warns of the truncation.

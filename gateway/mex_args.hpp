@@ -25,6 +25,14 @@ inline int ndims(const mxArray* a) {
     return static_cast<int>(mxGetNumberOfDimensions(a));
 }
 
+// True when every element index of a fits a 32-bit int, which the cores index with.
+inline bool fits_int32(const mxArray* a) {
+    const mwSize* d = mxGetDimensions(a);
+    double count = 1.0;
+    for (int i = 0; i < ndims(a); ++i) count *= static_cast<double>(d[i]);
+    return count <= 2147483647.0;
+}
+
 inline std::vector<int> dims(const mxArray* a) {
     const mwSize* d = mxGetDimensions(a);
     return std::vector<int>(d, d + ndims(a));

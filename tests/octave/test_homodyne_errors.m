@@ -18,6 +18,7 @@
 %!test  # dispatch
 %! expect_error ("The first input must be a string describing the functionality.", 1, d);
 %! expect_error ("The first input must be a string describing the functionality.", {"filter"});
+%! expect_error ("The first input must be a string describing the functionality.");
 
 %!test  # filter: argument counts
 %! expect_error ("There must be at least 5 inputs.", "filter", d, [], []);
