@@ -19,7 +19,8 @@ int main() {
             for (int x = 0; x < n; ++x) {
                 const double r2 = (x - n / 2.0) * (x - n / 2.0) + (y - n / 2.0) * (y - n / 2.0);
                 const double object = r2 < 0.16 * n * n ? 1.0 : 0.0;
-                const double sens = std::exp(-((x - cx) * (x - cx) + (y - cy) * (y - cy)) / (n * n));
+                const double sens =
+                    std::exp(-((x - cx) * (x - cx) + (y - cy) * (y - cy)) / (n * n));
                 re[x + n * y + n * n * c] = float(object * sens * std::cos(phase));
                 im[x + n * y + n * n * c] = float(object * sens * std::sin(phase));
                 truth[x + n * y] += float(object * sens * object * sens);

@@ -36,10 +36,18 @@ int find_first(const T* values, T key, int n) {
 }
 }  // namespace
 
-int MR_find(const uint16_t* values, uint16_t key, int n) { return find_first(values, key, n); }
-int MR_find(const int16_t* values, int16_t key, int n) { return find_first(values, key, n); }
-int MR_find(const int32_t* values, int32_t key, int n) { return find_first(values, key, n); }
-int MR_find(const uint32_t* values, uint32_t key, int n) { return find_first(values, key, n); }
+int MR_find(const uint16_t* values, uint16_t key, int n) {
+    return find_first(values, key, n);
+}
+int MR_find(const int16_t* values, int16_t key, int n) {
+    return find_first(values, key, n);
+}
+int MR_find(const int32_t* values, int32_t key, int n) {
+    return find_first(values, key, n);
+}
+int MR_find(const uint32_t* values, uint32_t key, int n) {
+    return find_first(values, key, n);
+}
 
 int MR_sub2ind(const Eigen::VectorXi& dims, const Eigen::VectorXi& sub) {
     int index = 0, stride = 1;

@@ -73,6 +73,6 @@ float MR_linear_interpolation(const Eigen::VectorXf& data, float c2, float c1, f
 std::complex<double> MR_linear_interpolation(const Eigen::VectorXcd& data,
                                              const Eigen::VectorXi& dims, int base, double f2,
                                              double f1, double f3, int plane, int N) {
-    return blend<std::complex<double>>([&data](int i) { return data[i]; }, base, dims[0], plane,
-                                       N, f1, f2, f3);
+    return blend<std::complex<double>>([&data](int i) { return data[i]; }, base, dims[0], plane, N,
+                                       f1, f2, f3);
 }
