@@ -159,7 +159,7 @@ void library(benchmark::State& state, const Case& c) {
 
 const bool registered = [] {
     for (const Case& c : cases()) {
-        // Single calls, as the Octave side times them; the fastest is compared.
+        // Single calls, as the Octave side times them; the medians are compared.
         benchmark::RegisterBenchmark(("library/" + c.name).c_str(), library, c)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime()
