@@ -12,6 +12,7 @@
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
+#include "recon/sense/products.hpp"
 
 namespace {
 
@@ -177,14 +178,14 @@ class Worker {
                 D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
         if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
         Solve& m = *solves_[K];
+        namespace sp = mrkit::small;
         const auto Sk = S_.leftCols(K);
-        m.T.noalias() = Sk.adjoint() * p_.psiInv;
-        m.A.noalias() = m.T * Sk;
-        m.A += D_.topLeftCorner(K, K);
+        sp::adjoint_times(Sk, p_.psiInv, m.T);
+        sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A);
         m.lu.compute(m.A);
         lu_inverse(m.lu, m.inv);
-        m.W.noalias() = m.inv * Sk.adjoint();
-        m.U.noalias() = m.W * p_.psiInv;
+        sp::times_adjoint(m.inv, Sk, m.W);
+        sp::times(m.W, p_.psiInv, m.U);
         return m.U;
     }
 

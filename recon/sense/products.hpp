@@ -1,0 +1,138 @@
+// Small complex<double> matrix products written out with the very operations and summation order
+// Eigen 3.4 uses for them on SSE2 (one complex per packet): the results are bit-identical to the
+// Eigen expressions, NaN and signed zeros included, without their per-call dispatch cost. Eigen
+// takes this coefficient-based route only below a size threshold (`lazy`); callers keep the
+// Eigen expression otherwise, and everywhere when these kernels are not available.
+#pragma once
+
+#include <Eigen/Dense>
+#include <complex>
+
+#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
+    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
+    !EIGEN_VERSION_AT_LEAST(3, 4, 90)
+#define MRKIT_SMALL_PRODUCTS 1
+#endif
+
+#ifdef MRKIT_SMALL_PRODUCTS
+namespace mrkit::small {
+
+using cd = std::complex<double>;
+using Packet = Eigen::internal::Packet1cd;
+static_assert(std::is_same<Eigen::internal::packet_traits<cd>::type, Packet>::value,
+              "one complex<double> per packet expected");
+
+// Whether Eigen evaluates a product into a rows x cols result with `inner` terms per
+// coefficient coefficient-wise rather than through its blocked kernel.
+inline bool lazy(Eigen::Index inner, Eigen::Index rows, Eigen::Index cols) {
+    return inner + rows + cols < EIGEN_GEMM_TO_COEFFBASED_THRESHOLD && inner > 0;
+}
+
+inline Packet load(const cd* p) {
+    return Eigen::internal::ploadu<Packet>(p);
+}
+inline void store(cd* p, const Packet& v) {
+    Eigen::internal::pstoreu(p, v);
+}
+
+// dst (k x n) = a^H b, a m x k, b m x n, column-major with leading dimensions. Each coefficient
+// is a sum reduction over m of conj(a) * b, in two interleaved partial sums (even and odd
+// terms) joined at the end, with an odd last term added after.
+inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                          Eigen::Index m, Eigen::Index k, Eigen::Index n, cd* dst,
+                          Eigen::Index ldd) {
+    using namespace Eigen::internal;
+    const Eigen::Index even = (m / 2) * 2;
+    for (Eigen::Index c = 0; c < n; ++c) {
+        const cd* bc = b + c * ldb;
+        for (Eigen::Index r = 0; r < k; ++r) {
+            const cd* ar = a + r * lda;
+            const auto term = [&](Eigen::Index i) {
+                return pmul(pconj(load(ar + i)), load(bc + i));
+            };
+            Packet s0 = term(0);
+            if (m > 1) {
+                Packet s1 = term(1);
+                for (Eigen::Index i = 2; i < even; i += 2) {
+                    s0 = padd(s0, term(i));
+                    s1 = padd(s1, term(i + 1));
+                }
+                s0 = padd(s0, s1);
+                if (m > even) s0 = padd(s0, term(even));
+            }
+            store(dst + r + c * ldd, s0);
+        }
+    }
+}
+
+// dst (k x n) = a b, a k x m, b m x n (or b^H, b then n x m, when `adjointB`), and then, when
+// `add` is given (k x n, leading dimension ldadd), dst += add. Each coefficient accumulates from
+// zero, term by term, as product + running sum.
+template <bool adjointB>
+inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb, Eigen::Index m,
+                  Eigen::Index k, Eigen::Index n, cd* dst, Eigen::Index ldd,
+                  const cd* add = nullptr, Eigen::Index ldadd = 0) {
+    using namespace Eigen::internal;
+    for (Eigen::Index c = 0; c < n; ++c) {
+        for (Eigen::Index r = 0; r < k; ++r) {
+            Packet s = pset1<Packet>(cd(0));
+            for (Eigen::Index i = 0; i < m; ++i) {
+                const cd bi = adjointB ? std::conj(b[c + i * ldb]) : b[i + c * ldb];
+                s = padd(pmul(load(a + r + i * lda), pset1<Packet>(bi)), s);
+            }
+            if (add) s = padd(s, load(add + r + c * ldadd));
+            store(dst + r + c * ldd, s);
+        }
+    }
+}
+
+}  // namespace mrkit::small
+#endif
+
+namespace mrkit::small {
+
+using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
+
+// dst = a^H b
+inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.cols(), b.cols()))
+        return adjoint_times(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
+                             a.cols(), b.cols(), dst.data(), dst.rows());
+#endif
+    dst.noalias() = a.adjoint() * b;
+}
+
+// dst = a b + add
+inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::MatrixXcd& dst) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.rows(), b.cols()))
+        return times<false>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
+                            a.rows(), b.cols(), dst.data(), dst.rows(), add.data(),
+                            add.outerStride());
+#endif
+    dst.noalias() = a * b;
+    dst += add;
+}
+
+// dst = a b
+inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.rows(), b.cols()))
+        return times<false>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
+                            a.rows(), b.cols(), dst.data(), dst.rows());
+#endif
+    dst.noalias() = a * b;
+}
+
+// dst = a b^H
+inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.cols(), a.rows(), b.rows()))
+        return times<true>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(), a.rows(),
+                           b.rows(), dst.data(), dst.rows());
+#endif
+    dst.noalias() = a * b.adjoint();
+}
+
+}  // namespace mrkit::small

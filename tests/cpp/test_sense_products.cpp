@@ -1,0 +1,84 @@
+// The written-out small products of the combination factors against the Eigen expressions they
+// replace: every bit must agree (any NaN matches any NaN, as the sign of a NaN from a sum of two
+// NaNs depends on the compiler's operand order), on both sides of Eigen's size threshold and with
+// signed zeros, infinities and NaNs among the inputs.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+#include "recon/sense/products.hpp"
+
+namespace {
+
+using cd = std::complex<double>;
+using Eigen::MatrixXcd;
+
+struct Values {
+    std::mt19937 gen{2024};
+    bool special = false;
+    double next() {
+        std::uniform_real_distribution<double> u(-1.0, 1.0);
+        if (!special) return u(gen);
+        constexpr double inf = std::numeric_limits<double>::infinity();
+        constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+        const double pick[] = {0.0, -0.0, inf, -inf, nan, 1e300, -1e-310};
+        const unsigned r = gen() % 14;
+        return r < 7 ? pick[r] : u(gen);
+    }
+    MatrixXcd matrix(int rows, int cols) {
+        MatrixXcd m(rows, cols);
+        for (Eigen::Index i = 0; i < m.size(); ++i) m.data()[i] = cd(next(), next());
+        return m;
+    }
+};
+
+::testing::AssertionResult same_bits(const MatrixXcd& a, const MatrixXcd& b) {
+    const double* x = reinterpret_cast<const double*>(a.data());
+    const double* y = reinterpret_cast<const double*>(b.data());
+    for (Eigen::Index i = 0; i < 2 * a.size(); ++i)
+        if (!(std::isnan(x[i]) && std::isnan(y[i])) && std::memcmp(x + i, y + i, sizeof(double)))
+            return ::testing::AssertionFailure() << "part " << i << ": " << x[i] << " vs " << y[i];
+    return ::testing::AssertionSuccess();
+}
+
+}  // namespace
+
+TEST(SmallProducts, BitIdenticalToEigenExpressions) {
+    namespace sp = mrkit::small;
+    Values v;
+    for (int round = 0; round < 4000; ++round) {
+        v.special = round % 2 == 1;
+        const int coils = 1 + static_cast<int>(v.gen() % 12);
+        const int slots = 1 + static_cast<int>(v.gen() % 8);
+        const int K = 1 + static_cast<int>(v.gen() % slots);
+        // Views with outer strides, as the factor code passes them.
+        const MatrixXcd S = v.matrix(coils, slots), psi = v.matrix(coils, coils);
+        const MatrixXcd D = v.matrix(slots, slots), inv = v.matrix(K, K);
+        const auto Sk = S.leftCols(K);
+        const auto Dk = D.topLeftCorner(K, K);
+
+        MatrixXcd expected(K, coils), got(K, coils);
+        expected.noalias() = Sk.adjoint() * psi;
+        sp::adjoint_times(Sk, psi, got);
+        ASSERT_TRUE(same_bits(expected, got)) << "S^H psi, coils " << coils << ", K " << K;
+
+        const MatrixXcd T = got;
+        MatrixXcd A(K, K), A2(K, K);
+        A.noalias() = T * Sk;
+        A += Dk;
+        sp::times_plus(T, Sk, Dk, A2);
+        ASSERT_TRUE(same_bits(A, A2)) << "T S + D, coils " << coils << ", K " << K;
+
+        expected.noalias() = inv * Sk.adjoint();
+        sp::times_adjoint(inv, Sk, got);
+        ASSERT_TRUE(same_bits(expected, got)) << "inv S^H, coils " << coils << ", K " << K;
+
+        const MatrixXcd W = got;
+        expected.noalias() = W * psi;
+        sp::times(W, psi, got);
+        ASSERT_TRUE(same_bits(expected, got)) << "W psi, coils " << coils << ", K " << K;
+    }
+}
