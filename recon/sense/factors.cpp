@@ -122,10 +122,10 @@ class Worker {
     // Products and inverse for one count K of valid positions, kept per K so that voxels
     // alternating between counts (non-integer factors) never reallocate.
     struct Solve {
-        Eigen::MatrixXcd T, A, inv, W, U;
+        Eigen::MatrixXcd T, A, factored, inv, W, U;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
         Solve(int K, int coils)
-            : T(K, coils), A(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {}
+            : T(K, coils), A(K, K), factored(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {}
     };
 
     // Fills S and the priors with the valid slots (y outer, z inner) and returns their count.
@@ -182,8 +182,15 @@ class Worker {
         const auto Sk = S_.leftCols(K);
         sp::adjoint_times(Sk, p_.psiInv, m.T);
         sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A);
-        m.lu.compute(m.A);
-        lu_inverse(m.lu, m.inv);
+#ifdef MRKIT_SMALL_PRODUCTS
+        if (K <= sp::kSmallSolve)
+            sp::lu_inverse(m.A.data(), K, K, m.factored.data(), m.inv.data());
+        else
+#endif
+        {
+            m.lu.compute(m.A);
+            lu_inverse(m.lu, m.inv);
+        }
         sp::times_adjoint(m.inv, Sk, m.W);
         sp::times(m.W, p_.psiInv, m.U);
         return m.U;

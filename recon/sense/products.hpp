@@ -7,6 +7,7 @@
 
 #include <Eigen/Dense>
 #include <complex>
+#include <type_traits>
 
 #if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
     !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
@@ -37,11 +38,13 @@ inline void store(cd* p, const Packet& v) {
 
 // dst (k x n) = a^H b, a m x k, b m x n, column-major with leading dimensions. Each coefficient
 // is a sum reduction over m of conj(a) * b, in two interleaved partial sums (even and odd
-// terms) joined at the end, with an odd last term added after.
+// terms) joined at the end, with an odd last term added after. M > 0 fixes m at compile time.
+template <int M = 0>
 inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
-                          Eigen::Index m, Eigen::Index k, Eigen::Index n, cd* dst,
+                          Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
                           Eigen::Index ldd) {
     using namespace Eigen::internal;
+    const Eigen::Index m = M > 0 ? M : runtimeM;
     const Eigen::Index even = (m / 2) * 2;
     for (Eigen::Index c = 0; c < n; ++c) {
         const cd* bc = b + c * ldb;
@@ -68,11 +71,12 @@ inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Ind
 // dst (k x n) = a b, a k x m, b m x n (or b^H, b then n x m, when `adjointB`), and then, when
 // `add` is given (k x n, leading dimension ldadd), dst += add. Each coefficient accumulates from
 // zero, term by term, as product + running sum.
-template <bool adjointB>
-inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb, Eigen::Index m,
-                  Eigen::Index k, Eigen::Index n, cd* dst, Eigen::Index ldd,
+template <bool adjointB, int M = 0>
+inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                  Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst, Eigen::Index ldd,
                   const cd* add = nullptr, Eigen::Index ldadd = 0) {
     using namespace Eigen::internal;
+    const Eigen::Index m = M > 0 ? M : runtimeM;
     for (Eigen::Index c = 0; c < n; ++c) {
         for (Eigen::Index r = 0; r < k; ++r) {
             Packet s = pset1<Packet>(cd(0));
@@ -82,6 +86,90 @@ inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb, 
             }
             if (add) s = padd(s, load(add + r + c * ldadd));
             store(dst + r + c * ldd, s);
+        }
+    }
+}
+
+// Calls f with the inner size m as a compile-time constant when it is small, so that the
+// loops over it unroll (0: use the runtime size).
+template <class F>
+void with_inner(Eigen::Index m, F&& f) {
+    using std::integral_constant;
+    switch (m) {
+        case 1:
+            return f(integral_constant<int, 1>());
+        case 2:
+            return f(integral_constant<int, 2>());
+        case 3:
+            return f(integral_constant<int, 3>());
+        case 4:
+            return f(integral_constant<int, 4>());
+        case 6:
+            return f(integral_constant<int, 6>());
+        case 8:
+            return f(integral_constant<int, 8>());
+        default:
+            return f(integral_constant<int, 0>());
+    }
+}
+
+// Largest matrix handled here; Eigen's triangular solves stay in their scalar panel loop up
+// to 4 rows, and up to 3 even the signs of NaN results agree with it in this build.
+constexpr Eigen::Index kSmallSolve = 3;
+
+// inv = A^-1 for a k x k A (k <= kSmallSolve; lu is k x k scratch) as Eigen's PartialPivLU followed
+// by the permuted identity and the unit-lower and upper triangular solves computes it: pivots by
+// the largest modulus (first one on ties), the pivot column scaled by the pivot's packet quotient,
+// rank-one updates column by column, then per row of the triangle the scalar solve steps.
+inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd* inv) {
+    using namespace Eigen::internal;
+    for (Eigen::Index c = 0; c < k; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) lu[r + c * k] = a[r + c * lda];
+    Eigen::Index perm[kSmallSolve];
+    for (Eigen::Index i = 0; i < k; ++i) perm[i] = i;
+    for (Eigen::Index j = 0; j < k; ++j) {
+        Eigen::Index best = j;
+        double score = std::abs(lu[j + j * k]);
+        for (Eigen::Index r = j + 1; r < k; ++r) {
+            const double s = std::abs(lu[r + j * k]);
+            if (s > score) {
+                score = s;
+                best = r;
+            }
+        }
+        if (score != 0.0) {
+            if (best != j) {
+                for (Eigen::Index c = 0; c < k; ++c) std::swap(lu[j + c * k], lu[best + c * k]);
+                std::swap(perm[j], perm[best]);
+            }
+            const Packet pivot = pset1<Packet>(lu[j + j * k]);
+            for (Eigen::Index r = j + 1; r < k; ++r)
+                store(lu + r + j * k, pdiv(load(lu + r + j * k), pivot));
+        }
+        for (Eigen::Index c = j + 1; c < k; ++c) {
+            const Packet s = pset1<Packet>(lu[j + c * k]);
+            for (Eigen::Index r = j + 1; r < k; ++r)
+                store(lu + r + c * k, psub(load(lu + r + c * k), pmul(s, load(lu + r + j * k))));
+        }
+    }
+    // Row perm[i] of A went to row i: the permuted identity has its 1 at (i, perm[i]).
+    for (Eigen::Index c = 0; c < k; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) inv[r + c * k] = perm[r] == c ? cd(1) : cd(0);
+    const cd one(1);
+    for (Eigen::Index i = 0; i < k; ++i)  // unit lower
+        for (Eigen::Index c = 0; c < k; ++c) {
+            cd& o = inv[i + c * k];
+            o *= one;
+            const cd b = o;
+            for (Eigen::Index r = i + 1; r < k; ++r) inv[r + c * k] -= b * lu[r + i * k];
+        }
+    for (Eigen::Index i = k - 1; i >= 0; --i) {  // upper
+        const cd d = one / lu[i + i * k];
+        for (Eigen::Index c = 0; c < k; ++c) {
+            cd& o = inv[i + c * k];
+            o *= d;
+            const cd b = o;
+            for (Eigen::Index r = 0; r < i; ++r) inv[r + c * k] -= b * lu[r + i * k];
         }
     }
 }
@@ -97,8 +185,10 @@ using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
 inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (lazy(b.rows(), a.cols(), b.cols()))
-        return adjoint_times(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
-                             a.cols(), b.cols(), dst.data(), dst.rows());
+        return with_inner(a.rows(), [&](auto M) {
+            adjoint_times<M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
+                               a.cols(), b.cols(), dst.data(), dst.rows());
+        });
 #endif
     dst.noalias() = a.adjoint() * b;
 }
@@ -107,9 +197,11 @@ inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
 inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::MatrixXcd& dst) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (lazy(b.rows(), a.rows(), b.cols()))
-        return times<false>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                            a.rows(), b.cols(), dst.data(), dst.rows(), add.data(),
-                            add.outerStride());
+        return with_inner(a.cols(), [&](auto M) {
+            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
+                              a.rows(), b.cols(), dst.data(), dst.rows(), add.data(),
+                              add.outerStride());
+        });
 #endif
     dst.noalias() = a * b;
     dst += add;
@@ -119,8 +211,10 @@ inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::Mat
 inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (lazy(b.rows(), a.rows(), b.cols()))
-        return times<false>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                            a.rows(), b.cols(), dst.data(), dst.rows());
+        return with_inner(a.cols(), [&](auto M) {
+            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
+                              a.rows(), b.cols(), dst.data(), dst.rows());
+        });
 #endif
     dst.noalias() = a * b;
 }

@@ -1,7 +1,7 @@
-// The written-out small products of the combination factors against the Eigen expressions they
-// replace: every bit must agree (any NaN matches any NaN, as the sign of a NaN from a sum of two
-// NaNs depends on the compiler's operand order), on both sides of Eigen's size threshold and with
-// signed zeros, infinities and NaNs among the inputs.
+// The written-out small products and inverse of the combination factors against the Eigen
+// code they replace: every bit must agree (any NaN matches any NaN, as the sign of a NaN from a sum
+// of two NaNs depends on the compiler's operand order), on both sides of Eigen's size threshold and
+// with signed zeros, infinities and NaNs among the inputs.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,6 +10,8 @@
 #include <random>
 
 #include "recon/sense/products.hpp"
+
+#ifdef MRKIT_SMALL_PRODUCTS
 
 namespace {
 
@@ -82,3 +84,23 @@ TEST(SmallProducts, BitIdenticalToEigenExpressions) {
         ASSERT_TRUE(same_bits(expected, got)) << "W psi, coils " << coils << ", K " << K;
     }
 }
+
+// The small inverse against PartialPivLU with the permuted identity and the two triangular
+// solves, including singular matrices (repeated columns) whose inverses hold infinities or NaNs.
+TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
+    Values v;
+    for (int round = 0; round < 6000; ++round) {
+        v.special = round % 2 == 1;
+        const int k = 1 + round % static_cast<int>(mrkit::small::kSmallSolve);
+        MatrixXcd A = v.matrix(k, k);
+        if (round % 5 == 0) A.col(k - 1) = A.col(0);
+        Eigen::PartialPivLU<MatrixXcd> lu(A);
+        MatrixXcd expected = lu.permutationP() * MatrixXcd::Identity(k, k);
+        lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(expected);
+        lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(expected);
+        MatrixXcd scratch(k, k), got(k, k);
+        mrkit::small::lu_inverse(A.data(), k, k, scratch.data(), got.data());
+        ASSERT_TRUE(same_bits(expected, got)) << "k " << k << ", round " << round;
+    }
+}
+#endif
