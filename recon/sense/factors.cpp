@@ -77,6 +77,7 @@ struct Problem {
     double lambda;
     const Eigen::VectorXf& regImage;
     const Eigen::MatrixXcd& psiInv;
+    bool psiIdentity;
     Eigen::VectorXcd& factors;
     std::atomic<int>& status;
 };
@@ -180,7 +181,7 @@ class Worker {
         Solve& m = *solves_[K];
         namespace sp = mrkit::small;
         const auto Sk = S_.leftCols(K);
-        sp::adjoint_times(Sk, p_.psiInv, m.T);
+        sp::adjoint_times(Sk, p_.psiInv, m.T, p_.psiIdentity);
         sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A);
 #ifdef MRKIT_SMALL_PRODUCTS
         if (K <= sp::kSmallSolve)
@@ -192,7 +193,7 @@ class Worker {
             lu_inverse(m.lu, m.inv);
         }
         sp::times_adjoint(m.inv, Sk, m.W);
-        sp::times(m.W, p_.psiInv, m.U);
+        sp::times(m.W, p_.psiInv, m.U, p_.psiIdentity);
         return m.U;
     }
 
@@ -249,8 +250,9 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
     }
 
     std::atomic<int> status{1};
-    const Problem problem{sensRe, sensIm, nx,     ny,       nVox,   nTot,    nYf,
-                          nZf,    coils,  lambda, regImage, psiInv, factors, status};
+    const bool psiIdentity = mrkit::small::is_identity(psiInv);
+    const Problem problem{sensRe, sensIm, nx,       ny,     nVox,        nTot,    nYf,   nZf,
+                          coils,  lambda, regImage, psiInv, psiIdentity, factors, status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;
         Worker worker(problem, slots);

@@ -6,7 +6,9 @@
 #pragma once
 
 #include <Eigen/Dense>
+#include <cmath>
 #include <complex>
+#include <cstring>
 #include <type_traits>
 
 #if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
@@ -113,6 +115,47 @@ void with_inner(Eigen::Index m, F&& f) {
     }
 }
 
+// Products with an exact identity b, as the noise covariance is when none is given. With finite a,
+// every term of a coefficient but the diagonal one is a signed zero, and adding a signed zero to a
+// non-zero value changes nothing; so the sum is the diagonal term unless that is zero, and then its
+// sign is that of a sum of zeros: negative only when every term is. These give the same bits as the
+// sums above; false means a non-finite entry was met and nothing usable was written.
+
+// adjoint_times for b = I (m x m): term i of coefficient (r, c) is conj(a) * (1 or 0), whose real
+// part is a zero signed negative exactly when both parts of a are, and whose imaginary part is a
+// zero signed negative exactly when the real part of a is and the imaginary part is not.
+inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m, Eigen::Index k,
+                                   cd* dst, Eigen::Index ldd) {
+    for (Eigen::Index r = 0; r < k; ++r) {
+        const cd* ar = a + r * lda;
+        bool reNegative = true, imNegative = true;
+        for (Eigen::Index i = 0; i < m; ++i) {
+            const double x = ar[i].real(), y = ar[i].imag();
+            if (!std::isfinite(x) || !std::isfinite(y)) return false;
+            reNegative = reNegative && std::signbit(x) && std::signbit(y);
+            imNegative = imNegative && std::signbit(x) && !std::signbit(y);
+        }
+        const double reZero = reNegative ? -0.0 : 0.0, imZero = imNegative ? -0.0 : 0.0;
+        for (Eigen::Index c = 0; c < m; ++c) {
+            const double x = ar[c].real(), y = -ar[c].imag();
+            dst[r + c * ldd] = cd(x != 0.0 ? x : reZero, y != 0.0 ? y : imZero);
+        }
+    }
+    return true;
+}
+
+// times<false> for b = I: the sums start from +0, so a zero result is always +0.
+inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m, cd* dst,
+                           Eigen::Index ldd) {
+    for (Eigen::Index c = 0; c < m; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) {
+            const cd v = a[r + c * lda];
+            if (!std::isfinite(v.real()) || !std::isfinite(v.imag())) return false;
+            dst[r + c * ldd] = cd(v.real() + 0.0, v.imag() + 0.0);
+        }
+    return true;
+}
+
 // Largest matrix handled here; Eigen's triangular solves stay in their scalar panel loop up
 // to 4 rows, and up to 3 even the signs of NaN results agree with it in this build.
 constexpr Eigen::Index kSmallSolve = 3;
@@ -181,9 +224,24 @@ namespace mrkit::small {
 
 using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
 
-// dst = a^H b
-inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
+// Whether b is exactly the identity: +0 off the diagonal, 1 + 0i on it.
+inline bool is_identity(const Eigen::MatrixXcd& b) {
+    for (Eigen::Index c = 0; c < b.cols(); ++c)
+        for (Eigen::Index r = 0; r < b.rows(); ++r) {
+            const cd v = b(r, c), e = r == c ? cd(1) : cd(0);
+            if (std::memcmp(&v, &e, sizeof v) != 0) return false;
+        }
+    return b.rows() == b.cols();
+}
+
+// dst = a^H b; `bIdentity` says that b is exactly the identity
+inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst,
+                          bool bIdentity = false) {
 #ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.cols(), b.cols()) && bIdentity &&
+        adjoint_times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(),
+                               dst.rows()))
+        return;
     if (lazy(b.rows(), a.cols(), b.cols()))
         return with_inner(a.rows(), [&](auto M) {
             adjoint_times<M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
@@ -207,9 +265,12 @@ inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::Mat
     dst += add;
 }
 
-// dst = a b
-inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
+// dst = a b; `bIdentity` says that b is exactly the identity
+inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool bIdentity = false) {
 #ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.rows(), b.cols()) && bIdentity &&
+        times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(), dst.rows()))
+        return;
     if (lazy(b.rows(), a.rows(), b.cols()))
         return with_inner(a.cols(), [&](auto M) {
             times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
