@@ -47,12 +47,27 @@ struct Corners {
         }
     }
 
-    // Interpolated value of the grid whose element i is read(i).
+    // Interpolated value of the grid whose element i is read(i). The usual corner counts (all
+    // eight, or one plane) get loops of fixed length, which unroll.
     template <class Value, class Read>
     Value apply(Read read) const {
-        if (count == 0) return Value(0);
+        switch (count) {
+            case 8:
+                return sum<Value, 8>(read, 8);
+            case 4:
+                return sum<Value, 4>(read, 4);
+            case 0:
+                return Value(0);
+            default:
+                return sum<Value, 0>(read, count);
+        }
+    }
+
+    template <class Value, int Fixed, class Read>
+    Value sum(Read read, int n) const {
+        if (Fixed > 0) n = Fixed;
         Value sum = read(offset[0]) * weight[0];
-        for (int c = 1; c < count; ++c) sum += read(offset[c]) * weight[c];
+        for (int c = 1; c < n; ++c) sum += read(offset[c]) * weight[c];
         return sum;
     }
 

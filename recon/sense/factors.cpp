@@ -12,6 +12,7 @@
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
+#include "recon/sense/products.hpp"
 
 namespace {
 
@@ -76,6 +77,7 @@ struct Problem {
     double lambda;
     const Eigen::VectorXf& regImage;
     const Eigen::MatrixXcd& psiInv;
+    bool psiIdentity;
     Eigen::VectorXcd& factors;
     std::atomic<int>& status;
 };
@@ -121,10 +123,10 @@ class Worker {
     // Products and inverse for one count K of valid positions, kept per K so that voxels
     // alternating between counts (non-integer factors) never reallocate.
     struct Solve {
-        Eigen::MatrixXcd T, A, inv, W, U;
+        Eigen::MatrixXcd T, A, factored, inv, W, U;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
         Solve(int K, int coils)
-            : T(K, coils), A(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {}
+            : T(K, coils), A(K, K), factored(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {}
     };
 
     // Fills S and the priors with the valid slots (y outer, z inner) and returns their count.
@@ -177,14 +179,21 @@ class Worker {
                 D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
         if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
         Solve& m = *solves_[K];
+        namespace sp = mrkit::small;
         const auto Sk = S_.leftCols(K);
-        m.T.noalias() = Sk.adjoint() * p_.psiInv;
-        m.A.noalias() = m.T * Sk;
-        m.A += D_.topLeftCorner(K, K);
-        m.lu.compute(m.A);
-        lu_inverse(m.lu, m.inv);
-        m.W.noalias() = m.inv * Sk.adjoint();
-        m.U.noalias() = m.W * p_.psiInv;
+        sp::adjoint_times(Sk, p_.psiInv, m.T, p_.psiIdentity);
+        sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A);
+#ifdef MRKIT_SMALL_PRODUCTS
+        if (K <= sp::kSmallSolve)
+            sp::lu_inverse(m.A.data(), K, K, m.factored.data(), m.inv.data());
+        else
+#endif
+        {
+            m.lu.compute(m.A);
+            lu_inverse(m.lu, m.inv);
+        }
+        sp::times_adjoint(m.inv, Sk, m.W);
+        sp::times(m.W, p_.psiInv, m.U, p_.psiIdentity);
         return m.U;
     }
 
@@ -241,8 +250,9 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
     }
 
     std::atomic<int> status{1};
-    const Problem problem{sensRe, sensIm, nx,     ny,       nVox,   nTot,    nYf,
-                          nZf,    coils,  lambda, regImage, psiInv, factors, status};
+    const bool psiIdentity = mrkit::small::is_identity(psiInv);
+    const Problem problem{sensRe, sensIm, nx,       ny,     nVox,        nTot,    nYf,   nZf,
+                          coils,  lambda, regImage, psiInv, psiIdentity, factors, status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;
         Worker worker(problem, slots);

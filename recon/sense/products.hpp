@@ -1,0 +1,293 @@
+// Small complex<double> matrix products written out with the very operations and summation order
+// Eigen 3.4 uses for them on SSE2 (one complex per packet): the results are bit-identical to the
+// Eigen expressions, NaN and signed zeros included, without their per-call dispatch cost. Eigen
+// takes this coefficient-based route only below a size threshold (`lazy`); callers keep the
+// Eigen expression otherwise, and everywhere when these kernels are not available.
+#pragma once
+
+#include <Eigen/Dense>
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <type_traits>
+
+#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
+    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
+    !EIGEN_VERSION_AT_LEAST(3, 4, 90)
+#define MRKIT_SMALL_PRODUCTS 1
+#endif
+
+#ifdef MRKIT_SMALL_PRODUCTS
+namespace mrkit::small {
+
+using cd = std::complex<double>;
+using Packet = Eigen::internal::Packet1cd;
+static_assert(std::is_same<Eigen::internal::packet_traits<cd>::type, Packet>::value,
+              "one complex<double> per packet expected");
+
+// Whether Eigen evaluates a product into a rows x cols result with `inner` terms per
+// coefficient coefficient-wise rather than through its blocked kernel.
+inline bool lazy(Eigen::Index inner, Eigen::Index rows, Eigen::Index cols) {
+    return inner + rows + cols < EIGEN_GEMM_TO_COEFFBASED_THRESHOLD && inner > 0;
+}
+
+inline Packet load(const cd* p) {
+    return Eigen::internal::ploadu<Packet>(p);
+}
+inline void store(cd* p, const Packet& v) {
+    Eigen::internal::pstoreu(p, v);
+}
+
+// dst (k x n) = a^H b, a m x k, b m x n, column-major with leading dimensions. Each coefficient
+// is a sum reduction over m of conj(a) * b, in two interleaved partial sums (even and odd
+// terms) joined at the end, with an odd last term added after. M > 0 fixes m at compile time.
+template <int M = 0>
+inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                          Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
+                          Eigen::Index ldd) {
+    using namespace Eigen::internal;
+    const Eigen::Index m = M > 0 ? M : runtimeM;
+    const Eigen::Index even = (m / 2) * 2;
+    for (Eigen::Index c = 0; c < n; ++c) {
+        const cd* bc = b + c * ldb;
+        for (Eigen::Index r = 0; r < k; ++r) {
+            const cd* ar = a + r * lda;
+            const auto term = [&](Eigen::Index i) {
+                return pmul(pconj(load(ar + i)), load(bc + i));
+            };
+            Packet s0 = term(0);
+            if (m > 1) {
+                Packet s1 = term(1);
+                for (Eigen::Index i = 2; i < even; i += 2) {
+                    s0 = padd(s0, term(i));
+                    s1 = padd(s1, term(i + 1));
+                }
+                s0 = padd(s0, s1);
+                if (m > even) s0 = padd(s0, term(even));
+            }
+            store(dst + r + c * ldd, s0);
+        }
+    }
+}
+
+// dst (k x n) = a b, a k x m, b m x n (or b^H, b then n x m, when `adjointB`), and then, when
+// `add` is given (k x n, leading dimension ldadd), dst += add. Each coefficient accumulates from
+// zero, term by term, as product + running sum.
+template <bool adjointB, int M = 0>
+inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                  Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst, Eigen::Index ldd,
+                  const cd* add = nullptr, Eigen::Index ldadd = 0) {
+    using namespace Eigen::internal;
+    const Eigen::Index m = M > 0 ? M : runtimeM;
+    for (Eigen::Index c = 0; c < n; ++c) {
+        for (Eigen::Index r = 0; r < k; ++r) {
+            Packet s = pset1<Packet>(cd(0));
+            for (Eigen::Index i = 0; i < m; ++i) {
+                const cd bi = adjointB ? std::conj(b[c + i * ldb]) : b[i + c * ldb];
+                s = padd(pmul(load(a + r + i * lda), pset1<Packet>(bi)), s);
+            }
+            if (add) s = padd(s, load(add + r + c * ldadd));
+            store(dst + r + c * ldd, s);
+        }
+    }
+}
+
+// Calls f with the inner size m as a compile-time constant when it is small, so that the
+// loops over it unroll (0: use the runtime size).
+template <class F>
+void with_inner(Eigen::Index m, F&& f) {
+    using std::integral_constant;
+    switch (m) {
+        case 1:
+            return f(integral_constant<int, 1>());
+        case 2:
+            return f(integral_constant<int, 2>());
+        case 3:
+            return f(integral_constant<int, 3>());
+        case 4:
+            return f(integral_constant<int, 4>());
+        case 6:
+            return f(integral_constant<int, 6>());
+        case 8:
+            return f(integral_constant<int, 8>());
+        default:
+            return f(integral_constant<int, 0>());
+    }
+}
+
+// Products with an exact identity b, as the noise covariance is when none is given. With finite a,
+// every term of a coefficient but the diagonal one is a signed zero, and adding a signed zero to a
+// non-zero value changes nothing; so the sum is the diagonal term unless that is zero, and then its
+// sign is that of a sum of zeros: negative only when every term is. These give the same bits as the
+// sums above; false means a non-finite entry was met and nothing usable was written.
+
+// adjoint_times for b = I (m x m): term i of coefficient (r, c) is conj(a) * (1 or 0), whose real
+// part is a zero signed negative exactly when both parts of a are, and whose imaginary part is a
+// zero signed negative exactly when the real part of a is and the imaginary part is not.
+inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m, Eigen::Index k,
+                                   cd* dst, Eigen::Index ldd) {
+    for (Eigen::Index r = 0; r < k; ++r) {
+        const cd* ar = a + r * lda;
+        bool reNegative = true, imNegative = true;
+        for (Eigen::Index i = 0; i < m; ++i) {
+            const double x = ar[i].real(), y = ar[i].imag();
+            if (!std::isfinite(x) || !std::isfinite(y)) return false;
+            reNegative = reNegative && std::signbit(x) && std::signbit(y);
+            imNegative = imNegative && std::signbit(x) && !std::signbit(y);
+        }
+        const double reZero = reNegative ? -0.0 : 0.0, imZero = imNegative ? -0.0 : 0.0;
+        for (Eigen::Index c = 0; c < m; ++c) {
+            const double x = ar[c].real(), y = -ar[c].imag();
+            dst[r + c * ldd] = cd(x != 0.0 ? x : reZero, y != 0.0 ? y : imZero);
+        }
+    }
+    return true;
+}
+
+// times<false> for b = I: the sums start from +0, so a zero result is always +0.
+inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m, cd* dst,
+                           Eigen::Index ldd) {
+    for (Eigen::Index c = 0; c < m; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) {
+            const cd v = a[r + c * lda];
+            if (!std::isfinite(v.real()) || !std::isfinite(v.imag())) return false;
+            dst[r + c * ldd] = cd(v.real() + 0.0, v.imag() + 0.0);
+        }
+    return true;
+}
+
+// Largest matrix handled here; Eigen's triangular solves stay in their scalar panel loop up
+// to 4 rows, and up to 3 even the signs of NaN results agree with it in this build.
+constexpr Eigen::Index kSmallSolve = 3;
+
+// inv = A^-1 for a k x k A (k <= kSmallSolve; lu is k x k scratch) as Eigen's PartialPivLU followed
+// by the permuted identity and the unit-lower and upper triangular solves computes it: pivots by
+// the largest modulus (first one on ties), the pivot column scaled by the pivot's packet quotient,
+// rank-one updates column by column, then per row of the triangle the scalar solve steps.
+inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd* inv) {
+    using namespace Eigen::internal;
+    for (Eigen::Index c = 0; c < k; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) lu[r + c * k] = a[r + c * lda];
+    Eigen::Index perm[kSmallSolve];
+    for (Eigen::Index i = 0; i < k; ++i) perm[i] = i;
+    for (Eigen::Index j = 0; j < k; ++j) {
+        Eigen::Index best = j;
+        double score = std::abs(lu[j + j * k]);
+        for (Eigen::Index r = j + 1; r < k; ++r) {
+            const double s = std::abs(lu[r + j * k]);
+            if (s > score) {
+                score = s;
+                best = r;
+            }
+        }
+        if (score != 0.0) {
+            if (best != j) {
+                for (Eigen::Index c = 0; c < k; ++c) std::swap(lu[j + c * k], lu[best + c * k]);
+                std::swap(perm[j], perm[best]);
+            }
+            const Packet pivot = pset1<Packet>(lu[j + j * k]);
+            for (Eigen::Index r = j + 1; r < k; ++r)
+                store(lu + r + j * k, pdiv(load(lu + r + j * k), pivot));
+        }
+        for (Eigen::Index c = j + 1; c < k; ++c) {
+            const Packet s = pset1<Packet>(lu[j + c * k]);
+            for (Eigen::Index r = j + 1; r < k; ++r)
+                store(lu + r + c * k, psub(load(lu + r + c * k), pmul(s, load(lu + r + j * k))));
+        }
+    }
+    // Row perm[i] of A went to row i: the permuted identity has its 1 at (i, perm[i]).
+    for (Eigen::Index c = 0; c < k; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) inv[r + c * k] = perm[r] == c ? cd(1) : cd(0);
+    const cd one(1);
+    for (Eigen::Index i = 0; i < k; ++i)  // unit lower
+        for (Eigen::Index c = 0; c < k; ++c) {
+            cd& o = inv[i + c * k];
+            o *= one;
+            const cd b = o;
+            for (Eigen::Index r = i + 1; r < k; ++r) inv[r + c * k] -= b * lu[r + i * k];
+        }
+    for (Eigen::Index i = k - 1; i >= 0; --i) {  // upper
+        const cd d = one / lu[i + i * k];
+        for (Eigen::Index c = 0; c < k; ++c) {
+            cd& o = inv[i + c * k];
+            o *= d;
+            const cd b = o;
+            for (Eigen::Index r = 0; r < i; ++r) inv[r + c * k] -= b * lu[r + i * k];
+        }
+    }
+}
+
+}  // namespace mrkit::small
+#endif
+
+namespace mrkit::small {
+
+using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
+
+// Whether b is exactly the identity: +0 off the diagonal, 1 + 0i on it.
+inline bool is_identity(const Eigen::MatrixXcd& b) {
+    for (Eigen::Index c = 0; c < b.cols(); ++c)
+        for (Eigen::Index r = 0; r < b.rows(); ++r) {
+            const cd v = b(r, c), e = r == c ? cd(1) : cd(0);
+            if (std::memcmp(&v, &e, sizeof v) != 0) return false;
+        }
+    return b.rows() == b.cols();
+}
+
+// dst = a^H b; `bIdentity` says that b is exactly the identity
+inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst,
+                          bool bIdentity = false) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.cols(), b.cols()) && bIdentity &&
+        adjoint_times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(),
+                               dst.rows()))
+        return;
+    if (lazy(b.rows(), a.cols(), b.cols()))
+        return with_inner(a.rows(), [&](auto M) {
+            adjoint_times<M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
+                               a.cols(), b.cols(), dst.data(), dst.rows());
+        });
+#endif
+    dst.noalias() = a.adjoint() * b;
+}
+
+// dst = a b + add
+inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::MatrixXcd& dst) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.rows(), b.cols()))
+        return with_inner(a.cols(), [&](auto M) {
+            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
+                              a.rows(), b.cols(), dst.data(), dst.rows(), add.data(),
+                              add.outerStride());
+        });
+#endif
+    dst.noalias() = a * b;
+    dst += add;
+}
+
+// dst = a b; `bIdentity` says that b is exactly the identity
+inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool bIdentity = false) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.rows(), a.rows(), b.cols()) && bIdentity &&
+        times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(), dst.rows()))
+        return;
+    if (lazy(b.rows(), a.rows(), b.cols()))
+        return with_inner(a.cols(), [&](auto M) {
+            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
+                              a.rows(), b.cols(), dst.data(), dst.rows());
+        });
+#endif
+    dst.noalias() = a * b;
+}
+
+// dst = a b^H
+inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    if (lazy(b.cols(), a.rows(), b.rows()))
+        return times<true>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(), a.rows(),
+                           b.rows(), dst.data(), dst.rows());
+#endif
+    dst.noalias() = a * b.adjoint();
+}
+
+}  // namespace mrkit::small

@@ -1,0 +1,112 @@
+// The written-out small products and inverse of the combination factors against the Eigen
+// code they replace: every bit must agree (any NaN matches any NaN, as the sign of a NaN from a sum
+// of two NaNs depends on the compiler's operand order), on both sides of Eigen's size threshold and
+// with signed zeros, infinities and NaNs among the inputs.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+#include "recon/sense/products.hpp"
+
+#ifdef MRKIT_SMALL_PRODUCTS
+
+namespace {
+
+using cd = std::complex<double>;
+using Eigen::MatrixXcd;
+
+struct Values {
+    std::mt19937 gen{2024};
+    bool special = false;
+    double next() {
+        std::uniform_real_distribution<double> u(-1.0, 1.0);
+        if (!special) return u(gen);
+        constexpr double inf = std::numeric_limits<double>::infinity();
+        constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+        const double pick[] = {0.0, -0.0, inf, -inf, nan, 1e300, -1e-310};
+        const unsigned r = gen() % 14;
+        return r < 7 ? pick[r] : u(gen);
+    }
+    MatrixXcd matrix(int rows, int cols) {
+        MatrixXcd m(rows, cols);
+        for (Eigen::Index i = 0; i < m.size(); ++i) m.data()[i] = cd(next(), next());
+        return m;
+    }
+};
+
+::testing::AssertionResult same_bits(const MatrixXcd& a, const MatrixXcd& b) {
+    const double* x = reinterpret_cast<const double*>(a.data());
+    const double* y = reinterpret_cast<const double*>(b.data());
+    for (Eigen::Index i = 0; i < 2 * a.size(); ++i)
+        if (!(std::isnan(x[i]) && std::isnan(y[i])) && std::memcmp(x + i, y + i, sizeof(double)))
+            return ::testing::AssertionFailure() << "part " << i << ": " << x[i] << " vs " << y[i];
+    return ::testing::AssertionSuccess();
+}
+
+}  // namespace
+
+TEST(SmallProducts, BitIdenticalToEigenExpressions) {
+    namespace sp = mrkit::small;
+    Values v;
+    for (int round = 0; round < 6000; ++round) {
+        v.special = round % 2 == 1;
+        const int coils = 1 + static_cast<int>(v.gen() % 12);
+        const int slots = 1 + static_cast<int>(v.gen() % 8);
+        const int K = 1 + static_cast<int>(v.gen() % slots);
+        // Views with outer strides, as the factor code passes them.
+        // Every third round the noise inverse is the exact identity, which has its own path.
+        const bool identity = round % 3 == 0;
+        const MatrixXcd S = v.matrix(coils, slots);
+        const MatrixXcd psi =
+            identity ? MatrixXcd(MatrixXcd::Identity(coils, coils)) : v.matrix(coils, coils);
+        const MatrixXcd D = v.matrix(slots, slots), inv = v.matrix(K, K);
+        const auto Sk = S.leftCols(K);
+        const auto Dk = D.topLeftCorner(K, K);
+
+        MatrixXcd expected(K, coils), got(K, coils);
+        expected.noalias() = Sk.adjoint() * psi;
+        ASSERT_EQ(sp::is_identity(psi), identity);
+        sp::adjoint_times(Sk, psi, got, identity);
+        ASSERT_TRUE(same_bits(expected, got)) << "S^H psi, coils " << coils << ", K " << K;
+
+        const MatrixXcd T = got;
+        MatrixXcd A(K, K), A2(K, K);
+        A.noalias() = T * Sk;
+        A += Dk;
+        sp::times_plus(T, Sk, Dk, A2);
+        ASSERT_TRUE(same_bits(A, A2)) << "T S + D, coils " << coils << ", K " << K;
+
+        expected.noalias() = inv * Sk.adjoint();
+        sp::times_adjoint(inv, Sk, got);
+        ASSERT_TRUE(same_bits(expected, got)) << "inv S^H, coils " << coils << ", K " << K;
+
+        // Also free-standing values, which the chain never hands on (negative zeros).
+        const MatrixXcd W = round % 4 == 1 ? v.matrix(K, coils) : got;
+        expected.noalias() = W * psi;
+        sp::times(W, psi, got, identity);
+        ASSERT_TRUE(same_bits(expected, got)) << "W psi, coils " << coils << ", K " << K;
+    }
+}
+
+// The small inverse against PartialPivLU with the permuted identity and the two triangular
+// solves, including singular matrices (repeated columns) whose inverses hold infinities or NaNs.
+TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
+    Values v;
+    for (int round = 0; round < 6000; ++round) {
+        v.special = round % 2 == 1;
+        const int k = 1 + round % static_cast<int>(mrkit::small::kSmallSolve);
+        MatrixXcd A = v.matrix(k, k);
+        if (round % 5 == 0) A.col(k - 1) = A.col(0);
+        Eigen::PartialPivLU<MatrixXcd> lu(A);
+        MatrixXcd expected = lu.permutationP() * MatrixXcd::Identity(k, k);
+        lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(expected);
+        lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(expected);
+        MatrixXcd scratch(k, k), got(k, k);
+        mrkit::small::lu_inverse(A.data(), k, k, scratch.data(), got.data());
+        ASSERT_TRUE(same_bits(expected, got)) << "k " << k << ", round " << round;
+    }
+}
+#endif
