@@ -66,8 +66,8 @@ void MR_ifftshift_dim3(float* re, float* im, const int* dims, int ndims, int dim
 // Toolkit: zero padding of the first three dimensions to M0 x M1 x M2, data centred with the
 // extra zero at the low end. The output must be zero-filled by the caller; outIm may be null.
 
-void MR_zero_pad(const float* re, const float* im, int ndims, const int* dims, double M0,
-                 double M1, double M2, float* outRe, float* outIm);
+void MR_zero_pad(const float* re, const float* im, int ndims, const int* dims, double M0, double M1,
+                 double M2, float* outRe, float* outIm);
 
 // ---------------------------------------------------------------------------------------------
 // Toolkit: separable Hamming-shape apodisation in place, cut to `width` samples per dimension.
@@ -82,8 +82,8 @@ void MR_ringing_filter(float* re, float* im, int ndims, const int* dims, const d
 
 void MR_perform_sos(const float* re, const float* im, int nOutDims, const int* dims, int coilDim,
                     float* out, const int* outDims);
-void MR_perform_pcsos(const float* re, const float* im, int nOutDims, const int* dims,
-                      int coilDim, float* outRe, float* outIm, const int* outDims);
+void MR_perform_pcsos(const float* re, const float* im, int nOutDims, const int* dims, int coilDim,
+                      float* outRe, float* outIm, const int* outDims);
 
 // ---------------------------------------------------------------------------------------------
 // Geometry: spherical-harmonic basis.
@@ -120,8 +120,7 @@ void get_compartments(int fullSize, int foldedSize, float* bounds);
 // Aliased full positions of folded index pos: lower copies nearest-first, centre, upper copies.
 int MR_get_unfolded_positions(int fullSize, int foldedSize, int pos, Eigen::VectorXi& positions);
 // Keeps a sampling coordinate on a second grid from crossing a compartment bound.
-double pos2interpolate(double coord, int index, const float* imageBounds,
-                       const float* gridBounds);
+double pos2interpolate(double coord, int index, const float* imageBounds, const float* gridBounds);
 
 // ---------------------------------------------------------------------------------------------
 // SENSE: combination factors, unfolding and the full reconstruction.
