@@ -4,7 +4,9 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "mex.h"
@@ -25,12 +27,28 @@ inline int ndims(const mxArray* a) {
     return static_cast<int>(mxGetNumberOfDimensions(a));
 }
 
-// True when every element index of a fits a 32-bit int, which the cores index with.
+constexpr int64_t kMaxIndex = std::numeric_limits<int32_t>::max();
+
+// Product of the sizes with zeros counted as ones: no partial product of the sizes, which the
+// cores and the library form in 32-bit ints, can exceed it. Saturates past kMaxIndex.
+template <class It>
+int64_t size_bound(It first, It last) {
+    int64_t p = 1;
+    for (; first != last; ++first) {
+        const int64_t d = static_cast<int64_t>(*first);
+        p *= d > 1 ? d : 1;
+        if (p > kMaxIndex) return kMaxIndex + 1;
+    }
+    return p;
+}
+inline int64_t size_bound(const std::vector<int64_t>& sizes) {
+    return size_bound(sizes.begin(), sizes.end());
+}
+
+// True when every size and element index of a fits a 32-bit int.
 inline bool fits_int32(const mxArray* a) {
     const mwSize* d = mxGetDimensions(a);
-    double count = 1.0;
-    for (int i = 0; i < ndims(a); ++i) count *= static_cast<double>(d[i]);
-    return count <= 2147483647.0;
+    return size_bound(d, d + mxGetNumberOfDimensions(a)) <= kMaxIndex;
 }
 
 inline std::vector<int> dims(const mxArray* a) {

@@ -13,11 +13,13 @@
 #include <utility>
 #include <vector>
 
+#include "gateway/mex_args.hpp"
 #include "mex.h"
 
 namespace mrkit_mex {
 
-constexpr int64_t kMaxIndex = std::numeric_limits<int32_t>::max();
+using mrkit::mex::kMaxIndex;
+using mrkit::mex::size_bound;
 
 // A failed check. mexFunction reports it after everything the call owned is released.
 struct ArgError {
@@ -62,17 +64,6 @@ class Call {
     const mxArray** prhs_;
 };
 
-// Product of the sizes with zeros counted as ones: no partial product of the sizes, which the
-// library forms in 32-bit ints, can exceed it.
-inline int64_t sizeBound(const std::vector<int64_t>& dims) {
-    int64_t p = 1;
-    for (int64_t d : dims) {
-        p *= d > 1 ? d : 1;
-        if (p > kMaxIndex) return kMaxIndex + 1;
-    }
-    return p;
-}
-
 inline std::vector<int> toInts(const std::vector<int64_t>& dims) {
     return std::vector<int>(dims.begin(), dims.end());
 }
@@ -110,15 +101,13 @@ inline Floats singleArray(const Call& call, const mxArray* a, const std::string&
     const int64_t rank = static_cast<int64_t>(mxGetNumberOfDimensions(a));
     if (rank > maxRank)
         call.fail(name + " must have at most " + std::to_string(maxRank) + " dimensions");
-    const mwSize* hostDims = mxGetDimensions(a);
-    std::vector<int64_t> dims(hostDims, hostDims + rank);
-    if (sizeBound(dims) > kMaxIndex) call.fail(name + " is too large for 32-bit indices");
+    if (!mrkit::mex::fits_int32(a)) call.fail(name + " is too large for 32-bit indices");
 
     Floats f;
-    f.dims = toInts(dims);
+    f.dims = mrkit::mex::dims(a);
     f.numel = static_cast<int>(mxGetNumberOfElements(a));
-    f.re = static_cast<const float*>(mxGetData(a));
-    if (mxIsComplex(a)) f.im = static_cast<const float*>(mxGetImagData(a));
+    f.re = mrkit::mex::real_block(a);
+    f.im = mrkit::mex::imag_block(a);
     return f;
 }
 

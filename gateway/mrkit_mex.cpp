@@ -60,7 +60,7 @@ void zeropad(const Call& call) {
     }
     std::vector<int64_t> outDims(newSize.begin(), newSize.end());
     for (int d = 3; d < x.rank(); ++d) outDims.push_back(x.dims[d]);
-    if (sizeBound(outDims) > kMaxIndex) call.fail("newSize is too large for 32-bit indices");
+    if (size_bound(outDims) > kMaxIndex) call.fail("newSize is too large for 32-bit indices");
 
     NewFloats y = newSingle(toInts(outDims), x.im != nullptr, Fill::Zero);
     MR_zero_pad(x.re, x.im, x.rank(), x.dims.data(), newSize[0], newSize[1], newSize[2], y.re,
@@ -245,14 +245,14 @@ void sense(const Call& call) {
     std::vector<int64_t> outDims(fd.begin(), fd.end());
     for (int d = 0; d < 3; ++d) outDims[d] = full[d];
     outDims[3] = 1;
-    if (sizeBound(outDims) > kMaxIndex) call.fail("fullSize is too large for 32-bit indices");
+    if (size_bound(outDims) > kMaxIndex) call.fail("fullSize is too large for 32-bit indices");
     const float ry = static_cast<float>(full[1]) / static_cast<float>(fd[1]);
     const float rz = static_cast<float>(full[2]) / static_cast<float>(fd[2]);
     const std::vector<int64_t> factorGrid = {
         sens.dim(0), static_cast<int64_t>(std::ceil(static_cast<float>(sens.dim(1)) / ry)),
         static_cast<int64_t>(std::ceil(static_cast<float>(sens.dim(2)) / rz)),
         static_cast<int64_t>(std::ceil(ry)) * static_cast<int64_t>(std::ceil(rz)) * coils};
-    if (sizeBound(factorGrid) > kMaxIndex)
+    if (size_bound(factorGrid) > kMaxIndex)
         call.fail("sensitivities are too large for 32-bit indices at this reduction factor");
 
     // The library marks an aliased position valid only where the maps have an imaginary block,
