@@ -5,10 +5,10 @@
 #include <omp.h>
 
 #include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "ratio_reporter.hpp"
 #include "recon/recon.hpp"
 #include "support/sh_reference.hpp"
 
@@ -72,52 +72,23 @@ void BM_DoubleSeries(benchmark::State& state) {
 }
 BENCHMARK(BM_DoubleSeries)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Keeps each benchmark's fastest real time and its CPU time (ms per iteration) over the
-// repetitions, so that the ratios can close the run; on a shared machine the fastest repetition
-// is the one least disturbed.
-class RatioReporter : public benchmark::ConsoleReporter {
-  public:
-    struct Times {
-        double real = 0, cpu = 0;
-    };
-    std::map<std::string, Times> ms;
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Iteration) continue;
-            const double toMs = 1e3 / benchmark::GetTimeUnitMultiplier(r.time_unit);
-            const Times t{r.GetAdjustedRealTime() * toMs, r.GetAdjustedCPUTime() * toMs};
-            auto it = ms.find(r.benchmark_name());
-            if (it == ms.end() || t.real < it->second.real) ms[r.benchmark_name()] = t;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    Times find(const std::string& prefix) const {
-        for (const auto& [name, t] : ms)
-            if (name.rfind(prefix, 0) == 0) return t;
-        return {};
-    }
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    // CPU time is the main thread's only: on a shared machine the real time of the one-thread
-    // runs is the fairer comparison, and the CPU ratio shows what the load cost.
-    const RatioReporter::Times table = reporter.find("BM_LegendreTable");
-    std::printf("Legendre table 17 x 12 x 10000: %.2f ms\n", table.real);
-    const RatioReporter::Times series = reporter.find("BM_DoubleSeries");
+    mrkit_bench::RatioReporter reporter;
+    if (!mrkit_bench::run_benchmarks(&argc, argv, &reporter)) return 1;
+    // The fastest repetition of each: on a shared machine the least disturbed one. CPU time is
+    // the main thread's only, so the real time is the fair comparison; the CPU times show what
+    // the load cost.
+    const auto table = reporter.fastest("BM_LegendreTable/real_time");
+    if (table.real > 0) std::printf("Legendre table 17 x 12 x 10000: %.2f ms\n", table.real * 1e3);
+    const auto series = reporter.fastest("BM_DoubleSeries/iterations:1/real_time");
     for (const char* threads : {"1", "2"}) {
-        const RatioReporter::Times lib =
-            reporter.find(std::string("BM_GeometryCorrection/threads:") + threads);
+        const std::string name = std::string("BM_GeometryCorrection/threads:") + threads;
+        const auto lib = reporter.fastest(name + "/real_time");
+        mrkit_bench::print_ratio(name + " vs double series", series.real, lib.real);
         if (lib.real > 0 && series.real > 0)
-            std::printf(
-                "1M points, %s thread(s): library %.1f ms, double series %.0f ms: %.1fx faster "
-                "(main-thread CPU %.1f vs %.0f ms)\n",
-                threads, lib.real, series.real, series.real / lib.real, lib.cpu, series.cpu);
+            std::printf("  main-thread CPU %.1f ms vs %.0f ms\n", lib.cpu * 1e3, series.cpu * 1e3);
     }
     benchmark::Shutdown();
     return 0;

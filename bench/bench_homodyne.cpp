@@ -4,19 +4,17 @@
 // (4 MiB, cache-resident). Each core runs in its safe form (separate output), so every iteration
 // sees the same input: the in-place form runs the same loop but would drift its own data toward
 // denormals over repeated passes. Second argument: OpenMP threads. At the end every run is
-// printed as ratio_vs_memcpy = memcpy time / run time for the same nvol (1.0 = memcpy speed);
+// printed as a ratio line: memcpy time / run time for the same nvol (1.0 = memcpy speed);
 // with --benchmark_repetitions=N the medians are compared.
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
 #include <cstring>
-#include <iostream>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "gateway/homodyne.hpp"
+#include "ratio_reporter.hpp"
 
 namespace {
 
@@ -106,43 +104,21 @@ BENCHMARK(BM_filter_weight)->Apply(cases);
 BENCHMARK(BM_multiply_same)->Apply(cases);
 BENCHMARK(BM_multiply_interpolated)->Apply(cases);
 
-// Console output as usual, plus the time per iteration of every run kept for the ratios: the
-// median when repetitions are asked for (--benchmark_repetitions), else the single run.
-class RatioReporter : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& run : runs) {
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (run.run_type == Run::RT_Iteration || median)
-                seconds_[run.run_name.str()] = run.GetAdjustedRealTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void PrintRatios() const {
-        for (const auto& [name, time] : seconds_) {
-            std::istringstream parts(name);
-            std::string family, nvol;
-            std::getline(parts, family, '/');
-            std::getline(parts, nvol, '/');
-            const auto copy = seconds_.find("BM_memcpy/" + nvol + "/real_time");
-            if (family == "BM_memcpy" || copy == seconds_.end()) continue;
-            std::cout << "ratio_vs_memcpy " << name << " " << copy->second / time << "\n";
-        }
-    }
-
-  private:
-    std::map<std::string, double> seconds_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintRatios();
+    mrkit_bench::RatioReporter reporter;
+    if (!mrkit_bench::run_benchmarks(&argc, argv, &reporter)) return 1;
+    // Every run against the memcpy of the same nvol (its second name part).
+    for (const std::string& name : reporter.names()) {
+        const std::size_t slash = name.find('/');
+        const std::string family = name.substr(0, slash);
+        const std::string nvol = name.substr(slash + 1, name.find('/', slash + 1) - slash - 1);
+        if (family == "BM_memcpy") continue;
+        mrkit_bench::print_ratio(name + " vs memcpy",
+                                 reporter.median("BM_memcpy/" + nvol + "/real_time"),
+                                 reporter.median(name));
+    }
     benchmark::Shutdown();
     return 0;
 }

@@ -1,12 +1,15 @@
 // SENSE speed on 256 x 256 images with 8 coils, folded along y by 2 and by 2.5 (256 onto 102):
 // the combination factors and the unfolding of one volume timed apart, then whole
 // reconstructions of 1 and 16 volumes sharing one sensitivity set. A memcpy of one folded
-// volume's bytes gives the scale. Rates are folded voxels per second.
+// volume's bytes gives the scale: the run closes with memcpy / operation ratios. Rates are
+// folded voxels per second.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
+#include <string>
 #include <vector>
 
+#include "ratio_reporter.hpp"
 #include "recon/recon.hpp"
 #include "support/sense_phantom.hpp"
 
@@ -105,4 +108,20 @@ BENCHMARK(BM_Recon)
     ->UseRealTime();
 BENCHMARK(BM_MemcpyFoldedVolume)->Arg(128)->Arg(102)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
-BENCHMARK_MAIN();
+// Each unfolding and whole reconstruction against the copy of as many folded volumes.
+int main(int argc, char** argv) {
+    mrkit_bench::RatioReporter reporter;
+    if (!mrkit_bench::run_benchmarks(&argc, argv, &reporter)) return 1;
+    for (const std::string folded : {"128", "102"}) {
+        const double copy = reporter.median("BM_MemcpyFoldedVolume/" + folded + "/real_time");
+        const std::string unfold = "BM_UnfoldVolume/" + folded + "/real_time";
+        mrkit_bench::print_ratio(unfold + " vs memcpy", copy, reporter.median(unfold));
+        for (int volumes : {1, 16}) {
+            const std::string recon =
+                "BM_Recon/" + folded + "/" + std::to_string(volumes) + "/real_time";
+            mrkit_bench::print_ratio(recon + " vs memcpy", copy * volumes, reporter.median(recon));
+        }
+    }
+    benchmark::Shutdown();
+    return 0;
+}
