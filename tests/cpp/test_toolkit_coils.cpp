@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "recon/recon.hpp"
+#include "support/bits.hpp"
 #include "support/split_complex.hpp"
 
 using namespace mrkit_test;
