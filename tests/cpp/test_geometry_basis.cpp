@@ -86,23 +86,12 @@ TEST(PlgndrDeathTest, InvalidArgumentsEndTheProcessWithStatusOneSilently) {
     EXPECT_EXIT(plgndr(0, 0, std::nextafter(-1.0f, -2.0f)), testing::ExitedWithCode(1), "^$");
 }
 
-TEST(LegendreTable, LayoutAndArgumentsOutsideTheRange) {
-    float t[18];
-    std::fill(t, t + 18, -7.0f);
-    create_plgndr_lookup(3, 2, 3, t);
-    const float xs[3] = {-1.0f, 0.0f, 1.0f};  // samples s * step - 1
-    for (int s = 0; s < 3; ++s) {
-        const float expected[6] = {1.0f,
-                                   xs[s],
-                                   plgndr(2, 0, xs[s]),  // order 0, degrees 0..2
-                                   0.0f,
-                                   plgndr(1, 1, xs[s]),
-                                   plgndr(2, 1, xs[s])};
-        for (int i = 0; i < 6; ++i) EXPECT_EQ(t[s * 6 + i], expected[i]) << s << " " << i;
-    }
-    EXPECT_EQ(t[8], -0.5f);            // P_2(0)
+// The layout of a full table is checked entry by entry below; here the degenerate sample counts.
+TEST(LegendreTable, NoOrOneSample) {
+    float t[6];
+    std::fill(t, t + 6, -7.0f);
     create_plgndr_lookup(3, 2, 0, t);  // no samples: nothing written
-    EXPECT_EQ(t[0], 1.0f);
+    EXPECT_EQ(t[0], -7.0f);
     // One sample: the step is 2 / 0 and the argument not a number; the |x| <= 1 guard gives
     // zeros instead of an exit.
     create_plgndr_lookup(3, 2, 1, t);
@@ -167,6 +156,7 @@ TEST(SphericalCoordinates, AnglesInEveryOctantAndMixedPrecisionBranches) {
         const double theta = std::acos(z / r);
         const double phi = std::atan2(y, x) + (y < 0 ? 2 * kPi : 0.0);
         EXPECT_NEAR(o[0], r, 4 * u * r);
+        // The exact checks below restate the rounding; these tie them to the true angles.
         EXPECT_NEAR(o[1], theta, 32 * u / std::max(std::sin(theta), 1e-3)) << i;
         EXPECT_NEAR(o[2], phi, 32 * u) << x << " " << y;
 

@@ -1,5 +1,6 @@
-// Unfolding one volume: factors interpolated from their grid, applied to the coil values and
-// scattered to the aliased positions in list order; voxels without signal stay untouched.
+// Unfolding one volume: factors interpolated from their grid and applied to the coil values;
+// voxels without signal stay untouched. The scatter to aliased positions is checked by the
+// exact whole reconstructions in test_sense_recon.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -110,39 +111,6 @@ TEST(Unfold, InterpolatesFactorsFromACoarserGrid) {
                 expect += (a[c] + bx[c] * gx + by[c] * gy) * cd(data.at(x + 5 * y + 35 * c));
             EXPECT_LT(std::abs(cd(out.at(x + 5 * y)) - expect), 1e-5) << x << ", " << y;
         }
-}
-
-// 10 onto 4 along y with three coils: voxels carry two or three aliased positions, and factor
-// block c * n + m of a voxel with n positions weights coil c into its m-th listed position.
-TEST(Unfold, ScattersInListOrderWithPerVoxelPacking) {
-    Unfold u{vec({2, 4, 1, 3}), vec({2, 4, 1, 9}), vec({2, 10, 1}), {}};
-    get_compartments(10, 4, u.yc);  // the factor grid is the folded grid
-    u.factors = Eigen::VectorXcd::Zero(2 * 4 * 9);
-    auto weight = [](int x, int f, int m, int c) {
-        return cd(1.0 + m + 0.1 * x, 0.5 * c - 0.2 * f);
-    };
-    Eigen::VectorXi list(3);
-    for (int f = 0; f < 4; ++f) {
-        const int n = MR_get_unfolded_positions(10, 4, f, list);
-        for (int x = 0; x < 2; ++x)
-            for (int c = 0; c < 3; ++c)
-                for (int m = 0; m < n; ++m)
-                    u.factors[x + 2 * f + 8 * (c * n + m)] = weight(x, f, m, c);
-    }
-    const Split data = coil_data(2, 4, 1, 3);
-    Split out = output(2, 10, 1, 0.0f);
-    ASSERT_EQ(u.run(data, out), 1);
-    for (int f = 0; f < 4; ++f) {
-        const int n = MR_get_unfolded_positions(10, 4, f, list);
-        for (int x = 0; x < 2; ++x)
-            for (int m = 0; m < n; ++m) {
-                cd expect = 0.0;
-                for (int c = 0; c < 3; ++c)
-                    expect += weight(x, f, m, c) * cd(data.at(x + 2 * f + 8 * c));
-                EXPECT_LT(std::abs(cd(out.at(x + 2 * list[m])) - expect), 1e-5)
-                    << "folded " << f << " position " << list[m];
-            }
-    }
 }
 
 // The factor and sensitivity reads set up the corners once per position and reuse them for

@@ -13,11 +13,15 @@ inline uint32_t float_bits(float x) {
     return b;
 }
 
+inline bool same_bits(float a, float b) {
+    return float_bits(a) == float_bits(b);
+}
+
 inline ::testing::AssertionResult same_bits(const std::vector<float>& a,
                                             const std::vector<float>& b) {
     if (a.size() != b.size()) return ::testing::AssertionFailure() << "sizes differ";
     for (std::size_t i = 0; i < a.size(); ++i)
-        if (float_bits(a[i]) != float_bits(b[i]))
+        if (!same_bits(a[i], b[i]))
             return ::testing::AssertionFailure()
                    << "element " << i << ": " << a[i] << " vs " << b[i];
     return ::testing::AssertionSuccess();
