@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "recon/geometry/legendre_block.hpp"
+#include "recon/geometry/sincos.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 
@@ -111,13 +112,16 @@ struct Evaluator {
     Lanes P0[kDegrees];   // zonal Legendre values
 
     void run(const Located& b, const Series& s, float* xOut, float* yOut, float* zOut) {
+        float angle[kOrders - 1][kBatch], sine[kOrders - 1][kBatch], cosine[kOrders - 1][kBatch];
+        for (int m = 1; m < kOrders; ++m)
+            for (int j = 0; j < kBatch; ++j) angle[m - 1][j] = static_cast<float>(m) * b.phi[j];
+        mrkit::geometry::sincos_many(angle[0], (kOrders - 1) * kBatch, sine[0], cosine[0]);
+        std::memcpy(&sn[1], sine, sizeof sine);
+        std::memcpy(&cs[1], cosine, sizeof cosine);
         for (int j = 0; j < kBatch; ++j) {
-            for (int m = 1; m < kOrders; ++m) {
-                const float mphi = static_cast<float>(m) * b.phi[j];
-                sn[m][j] = std::sin(mphi);
-                cs[m][j] = std::cos(mphi);
-            }
-            cz[j] = std::cos(b.phi[j] * 0.0f);  // 1 for finite phi; NaN carries through
+            // cos(+-0) is exactly 1; only a non-finite phi needs the call (its NaN carries on).
+            const float zero = b.phi[j] * 0.0f;
+            cz[j] = zero == 0.0f ? 1.0f : std::cos(zero);
         }
         // Runs of four values of four rows at a time, transposed into lanes. A run may reach
         // past an order's last degree; the next order's runs overwrite those slots.
