@@ -37,11 +37,21 @@ constexpr double kC0 = 1.0, kC1 = -0x1.ffffffd0c621cp-2, kC2 = 0x1.55553e1068f19
 constexpr double kS1 = -0x1.555545995a603p-3, kS2 = 0x1.1107605230bc4p-7,
                  kS3 = -0x1.994eb3774cf24p-13;
 
-__attribute__((target("avx2,fma"))) inline __m256d pick(__m256d mask, double a, double b) {
+__attribute__((target("avx2,fma"), always_inline)) inline __m256d pick(__m256d mask, double a,
+                                                                       double b) {
     return _mm256_blendv_pd(_mm256_set1_pd(a), _mm256_set1_pd(b), mask);
 }
 
-__attribute__((target("avx2,fma"))) void four(const float* angle, float* sine, float* cosine) {
+// Arguments outside the lanes' range, marked by a clear bit in `lanes`, go to libm.
+__attribute__((noinline)) void redo_outside(const float* angle, int lanes, float* sine,
+                                            float* cosine) {
+    for (int j = 0; j < 4; ++j)
+        if (!(lanes >> j & 1)) sincosf(angle[j], sine + j, cosine + j);
+}
+
+// Inlined into the loop, so the long dependency chains of successive quads overlap.
+__attribute__((target("avx2,fma"), always_inline)) inline void four(const float* angle, float* sine,
+                                                                    float* cosine) {
     const __m128 y = _mm_loadu_ps(angle);
     const __m256d x = _mm256_cvtps_pd(y);
 
@@ -82,9 +92,7 @@ __attribute__((target("avx2,fma"))) void four(const float* angle, float* sine, f
     const __m128i inRange = _mm_and_si128(_mm_cmpgt_epi32(top, _mm_set1_epi32(0x397)),
                                           _mm_cmplt_epi32(top, _mm_set1_epi32(0x42f)));
     const int lanes = _mm_movemask_ps(_mm_castsi128_ps(inRange));
-    if (lanes != 0xf)
-        for (int j = 0; j < 4; ++j)
-            if (!(lanes >> j & 1)) sincosf(angle[j], sine + j, cosine + j);
+    if (lanes != 0xf) redo_outside(angle, lanes, sine, cosine);
 }
 
 __attribute__((target("avx2,fma"))) void lanes(const float* angle, int count, float* sine,
