@@ -112,11 +112,11 @@ struct Evaluator {
     Lanes P0[kDegrees];   // zonal Legendre values
 };
 
-// Lane-wise float products and sums round the same in SSE and AVX registers (nothing is
-// contracted), so the AVX2 clone does the same work in half the instructions.
-__attribute__((target_clones("avx2", "default"))) void evaluate(Evaluator& e, const Located& b,
-                                                                const Series& s, float* xOut,
-                                                                float* yOut, float* zOut) {
+// One batch of points: sine/cosine pairs, the Legendre values turned into lanes, then the
+// three sums in their fixed order.
+__attribute__((always_inline)) inline void evaluate_batch(Evaluator& e, const Located& b,
+                                                          const Series& s, float* xOut, float* yOut,
+                                                          float* zOut) {
     float angle[kOrders - 1][kBatch], sine[kOrders - 1][kBatch], cosine[kOrders - 1][kBatch];
     for (int m = 1; m < kOrders; ++m)
         for (int j = 0; j < kBatch; ++j) angle[m - 1][j] = static_cast<float>(m) * b.phi[j];
@@ -152,6 +152,21 @@ __attribute__((target_clones("avx2", "default"))) void evaluate(Evaluator& e, co
         zOut[j] = s.scaleZ * az[j];
     }
 }
+
+void evaluate_sse(Evaluator& e, const Located& b, const Series& s, float* xOut, float* yOut,
+                  float* zOut) {
+    evaluate_batch(e, b, s, xOut, yOut, zOut);
+}
+
+// Lane-wise float products and sums round the same in SSE and AVX registers (nothing is
+// contracted), so this copy does the same work in half the instructions. Chosen at run time
+// (no ifunc: sanitizer runtimes are not ready when ifunc resolvers run).
+#if defined(__x86_64__)
+__attribute__((target("avx2"))) void evaluate_avx2(Evaluator& e, const Located& b, const Series& s,
+                                                   float* xOut, float* yOut, float* zOut) {
+    evaluate_batch(e, b, s, xOut, yOut, zOut);
+}
+#endif
 
 }  // namespace
 
@@ -195,6 +210,11 @@ void MR_geometry_correction(const float* x, const float* y, const float* z, floa
         auto locate_at = [&](int i, Located& b) {
             locate(b, x + i, y + i, z + i, std::min(kBatch, end - i), r0, tab);
         };
+#if defined(__x86_64__)
+        const auto evaluate = __builtin_cpu_supports("avx2") ? evaluate_avx2 : evaluate_sse;
+#else
+        const auto evaluate = evaluate_sse;
+#endif
         if (begin < end) locate_at(begin, located[0]);
         for (int i = begin, cur = 0; i < end; i += kBatch, cur ^= 1) {
             if (i + kBatch < end) locate_at(i + kBatch, located[cur ^ 1]);

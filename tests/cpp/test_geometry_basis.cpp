@@ -234,7 +234,8 @@ TEST(SineCosinePairs, BitIdenticalToLibm) {
 // and FMA (this project's hosts) that would only show as a slower series, so say it here.
 TEST(SineCosinePairs, FourLanesInUseOnGlibcWithFma) {
 #if defined(__x86_64__) && defined(__GLIBC__)
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
         EXPECT_TRUE(mrkit::geometry::sincos_many_is_vectorised());
+    }
 #endif
 }
