@@ -1,13 +1,12 @@
 function result = bench_gateway(builddir)
-  % RESULT = BENCH_GATEWAY(BUILDDIR) times mrkit calls against the library's own time for the
-  % same work and against one copy of the call's inputs and outputs.
-  % Each call is timed whole, and mrkit('-spans') then gives the time that call spent inside
-  % the library and in the command as a whole; "added" (call minus library) is taken per call,
-  % so the library's run-to-run noise cancels, and "host" is the part after the command, where
-  % Octave turns the outputs into its own arrays. The direct library call on the same data
-  % (BUILDDIR/bench/bench_gateway) is shown beside the in-call library time as a check. "One
-  % copy" is Octave copying every input and output array once (b = a; b(1) = 0). Figures are
-  % medians of 21 calls; run on an otherwise idle machine, e.g. from the source tree:
+  % RESULT = BENCH_GATEWAY(BUILDDIR) times mrkit calls against the library's own time and
+  % against one copy of each call's inputs and outputs (Octave copying each array once: b = a;
+  % b(1) = 0). After every call mrkit('-spans') tells how long it spent in the library and in
+  % the whole command, so "added" (call minus library) is taken per call, free of the library's
+  % run-to-run noise, and "host" (call minus command) is Octave's part after the command, where
+  % it turns the outputs into its own arrays. The direct library call on the same data
+  % (BUILDDIR/bench/bench_gateway) is shown beside the in-call library time as a check. Figures
+  % are medians of 21 calls; run on an otherwise idle machine, e.g. from the source tree:
   %   OMP_NUM_THREADS=2 OMP_WAIT_POLICY=passive octave-cli --no-history \
   %     --eval "addpath('build/mex', 'bench'); bench_gateway('build')"
   exe = fullfile(builddir, "bench", "bench_gateway");
@@ -52,9 +51,9 @@ function result = bench_gateway(builddir)
            "gradwarp", @() gradwarp(p, coefSin, coefZ), p;
            "sense", @() {mrkit("sense", folded, sens, [192 192])}, {folded, sens}};
 
-  printf("\nMedians of %d calls (ms). added = gateway - library in call; host = gateway -\n", ncalls);
-  printf("command (Octave's part, within added); one copy = Octave copying every input and\n");
-  printf("output array of the call once; ratio = added / one copy (<= 1 is the goal).\n");
+  printf("\nMedians of %d calls (ms). added = gateway - library in call; host = Octave's part\n", ncalls);
+  printf("of added, after the command; one copy = Octave copying every input and output array\n");
+  printf("of the call once; ratio = added / one copy (<= 1 is the goal).\n");
   printf("\n%-13s %9s %9s %9s %9s %9s %9s %7s\n", "command", "library", "in call", ...
          "gateway", "added", "host", "one copy", "ratio");
   result = struct("command", calls(:, 1), "library", [], "in_call", [], "gateway", [], ...
@@ -69,17 +68,17 @@ function result = bench_gateway(builddir)
       t(2:3, r) = mrkit("-spans");
       clear y;
     end
-    r = result(i);
-    r.library = median(library.(calls{i, 1}));
-    r.in_call = median(t(2, :));
-    r.gateway = median(t(1, :));
-    r.added = median(t(1, :) - t(2, :));
-    r.host = median(t(1, :) - t(3, :));
-    r.copy = copy_time([calls{i, 3}(:); outputs(:)]);
-    r.ratio = r.added / r.copy;
-    printf("%-13s %9.2f %9.2f %9.2f %9.2f %9.2f %9.2f %7.2f\n", r.command, r.library, ...
-           r.in_call, r.gateway, r.added, r.host, r.copy, r.ratio);
-    result(i) = r;
+    row = result(i);
+    row.library = median(library.(calls{i, 1}));
+    row.in_call = median(t(2, :));
+    row.gateway = median(t(1, :));
+    row.added = median(t(1, :) - t(2, :));
+    row.host = median(t(1, :) - t(3, :));
+    row.copy = copy_time([calls{i, 3}(:); outputs(:)]);
+    row.ratio = row.added / row.copy;
+    printf("%-13s %9.2f %9.2f %9.2f %9.2f %9.2f %9.2f %7.2f\n", row.command, row.library, ...
+           row.in_call, row.gateway, row.added, row.host, row.copy, row.ratio);
+    result(i) = row;
   end
 end
 

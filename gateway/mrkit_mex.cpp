@@ -55,9 +55,9 @@ auto library(F&& f) {
 void shift(const Call& call, bool inverse) {
     call.arity(2, 2, 1,
                inverse ? "y = mrkit('ifftshift', x, dim)" : "y = mrkit('fftshift', x, dim)");
-    const Floats x = singleArray(call, call.in(0), "x", Complexity::Any, kAnyRank);
+    const Floats x = singleShape(call, call.in(0), "x", Complexity::Any, kAnyRank);
     const int dim = integers(call, call.in(1), "dim", 1, 1, 1, 3)[0];
-    NewFloats y = copyOf(x);
+    NewFloats y = copyOf(call.in(0));
     // The shifts read three sizes, also for a 2-D array shifted along dimension 3.
     const std::vector<int> dims = x.padded(3);
     const int n = static_cast<int>(dims.size());
@@ -103,7 +103,7 @@ void zeropad(const Call& call) {
 
 void ringing(const Call& call) {
     call.arity(3, 3, 1, "y = mrkit('ringing', x, strength, width)");
-    const Floats x = singleArray(call, call.in(0), "x", Complexity::Any, kAnyRank);
+    const Floats x = singleShape(call, call.in(0), "x", Complexity::Any, kAnyRank);
     const std::vector<double> strength = finiteNumbers(call, call.in(1), "strength", 1, 3);
     const std::vector<int> width = integers(call, call.in(2), "width", 1, 3, 1, kMaxIndex);
     // A dimension without an entry is left alone: no taper over its whole size.
@@ -113,7 +113,7 @@ void ringing(const Call& call) {
         s[d] = d < strength.size() ? strength[d] : 0.0;
         w[d] = d < width.size() ? width[d] : std::max(1, x.dim(static_cast<int>(d)));
     }
-    NewFloats y = copyOf(x);
+    NewFloats y = copyOf(call.in(0));
     library([&] { MR_ringing_filter(y.re, y.im, x.rank(), x.dims.data(), s, w); });
     call.give(0, y.array);
 }
@@ -173,6 +173,13 @@ void coefficients(const Call& call, const mxArray* a, const char* name, float (&
         for (int m = 0; m < Cols; ++m) out[n][m] = static_cast<float>(v[n + Rows * m]);
 }
 
+// Branch-free, so the loop vectorises: NaN and infinities both fail the comparison.
+bool allFinite(const float* v, int n) {
+    int bad = 0;
+    for (int k = 0; k < n; ++k) bad |= !(std::fabs(v[k]) <= std::numeric_limits<float>::max());
+    return !bad;
+}
+
 void gradwarp(const Call& call) {
     call.arity(7, 7, 3, "[xo, yo, zo] = mrkit('gradwarp', x, y, z, coefSin, coefCos, coefZ, r0)");
     const char* names[3] = {"x", "y", "z"};
@@ -183,8 +190,7 @@ void gradwarp(const Call& call) {
         // A non-finite point has no polar angle; a finite one gives a cosine in [-1, 1], which
         // keeps the Legendre table index in range and plgndr (whose process exit must never
         // be reached from a host) within its domain.
-        for (int k = 0; k < p[i].numel; ++k)
-            if (!std::isfinite(p[i].re[k])) call.fail(std::string(names[i]) + " must be finite");
+        if (!allFinite(p[i].re, p[i].numel)) call.fail(std::string(names[i]) + " must be finite");
     }
     float coefSin[14][12], coefCos[14][12], coefZ[17][1];
     coefficients(call, call.in(3), "coefSin", coefSin);
