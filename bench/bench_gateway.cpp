@@ -164,7 +164,7 @@ const bool registered = [] {
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime()
             ->Iterations(1)
-            ->Repetitions(15);
+            ->Repetitions(21);
     }
     return true;
 }();

@@ -1,17 +1,19 @@
 function result = bench_gateway(builddir)
-  % RESULT = BENCH_GATEWAY(BUILDDIR) times mrkit calls in Octave against the library's own time
-  % for the same work (BUILDDIR/bench/bench_gateway, Google Benchmark) and against one copy of
-  % the call's inputs and outputs. "One copy" is the time Octave takes to copy every input and
-  % every output array once, each as a write to an array sharing its data makes it (fresh
-  % memory included). The gateway keeps its promise where "added" (gateway minus library)
-  % stays within one copy: ratio <= 1. Every figure is the median of 15 single calls. Run on
-  % an otherwise idle machine with the same thread count for both, e.g. from the source tree:
+  % RESULT = BENCH_GATEWAY(BUILDDIR) times mrkit calls against the library's own time and
+  % against one copy of each call's inputs and outputs (Octave copying each array once: b = a;
+  % b(1) = 0). After every call mrkit('-spans') tells how long it spent in the library and in
+  % the whole command, so "added" (call minus library) is taken per call, free of the library's
+  % run-to-run noise, and "host" (call minus command) is Octave's part after the command, where
+  % it turns the outputs into its own arrays. The direct library call on the same data
+  % (BUILDDIR/bench/bench_gateway) is shown beside the in-call library time as a check. Figures
+  % are medians of 21 calls; run on an otherwise idle machine, e.g. from the source tree:
   %   OMP_NUM_THREADS=2 OMP_WAIT_POLICY=passive octave-cli --no-history \
   %     --eval "addpath('build/mex', 'bench'); bench_gateway('build')"
   exe = fullfile(builddir, "bench", "bench_gateway");
   [status, json] = system([exe " --benchmark_format=json 2>/dev/null"]);
   assert(status == 0, "bench_gateway failed: %s", exe);
-  library = struct();  % per command: the 15 single-call times
+  ncalls = 21;
+  library = struct();  % per command: the single-call times
   for b = jsondecode(json).benchmarks.'
     if iscell(b)
       b = b{1};
@@ -49,27 +51,34 @@ function result = bench_gateway(builddir)
            "gradwarp", @() gradwarp(p, coefSin, coefZ), p;
            "sense", @() {mrkit("sense", folded, sens, [192 192])}, {folded, sens}};
 
-  printf("\nMedian of 15 calls each. added = gateway - library; one copy = Octave copying every\n");
-  printf("input and output array of the call once; ratio = added / one copy (<= 1 is the goal).\n");
-  printf("\n%-13s %11s %11s %11s %11s %8s\n", "command", "library ms", "gateway ms", ...
-         "added ms", "one copy ms", "ratio");
-  result = struct("command", calls(:, 1), "library", [], "gateway", [], "copy", [], "ratio", []);
+  printf("\nMedians of %d calls (ms). added = gateway - library in call; host = Octave's part\n", ncalls);
+  printf("of added, after the command; one copy = Octave copying every input and output array\n");
+  printf("of the call once; ratio = added / one copy (<= 1 is the goal).\n");
+  printf("\n%-13s %9s %9s %9s %9s %9s %9s %7s\n", "command", "library", "in call", ...
+         "gateway", "added", "host", "one copy", "ratio");
+  result = struct("command", calls(:, 1), "library", [], "in_call", [], "gateway", [], ...
+                  "added", [], "host", [], "copy", [], "ratio", []);
   for i = 1:rows(calls)
     outputs = calls{i, 2}();  % warm-up: loads the module, pages in the inputs
-    t = zeros(1, 15);
-    for r = 1:numel(t)
+    t = zeros(3, ncalls);  % gateway, library in call, command
+    for r = 1:ncalls
       tic;
       y = calls{i, 2}();
-      t(r) = 1e3 * toc;
+      t(1, r) = 1e3 * toc;
+      t(2:3, r) = mrkit("-spans");
       clear y;
     end
-    result(i).library = median(library.(calls{i, 1}));
-    result(i).gateway = median(t);
-    result(i).copy = copy_time([calls{i, 3}(:); outputs(:)]);
-    added = result(i).gateway - result(i).library;
-    result(i).ratio = added / result(i).copy;
-    printf("%-13s %11.2f %11.2f %11.2f %11.2f %8.2f\n", calls{i, 1}, result(i).library, ...
-           result(i).gateway, added, result(i).copy, result(i).ratio);
+    row = result(i);
+    row.library = median(library.(calls{i, 1}));
+    row.in_call = median(t(2, :));
+    row.gateway = median(t(1, :));
+    row.added = median(t(1, :) - t(2, :));
+    row.host = median(t(1, :) - t(3, :));
+    row.copy = copy_time([calls{i, 3}(:); outputs(:)]);
+    row.ratio = row.added / row.copy;
+    printf("%-13s %9.2f %9.2f %9.2f %9.2f %9.2f %9.2f %7.2f\n", row.command, row.library, ...
+           row.in_call, row.gateway, row.added, row.host, row.copy, row.ratio);
+    result(i) = row;
   end
 end
 
@@ -83,7 +92,7 @@ function ms = copy_time(arrays)
   % data with another copies it into new memory.
   ms = 0;
   for a = arrays.'
-    t = zeros(1, 15);
+    t = zeros(1, 21);
     for r = 1:numel(t)
       b = a{1};
       tic;

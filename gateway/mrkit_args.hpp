@@ -15,6 +15,7 @@
 
 #include "gateway/mex_args.hpp"
 #include "mex.h"
+#include "recon/parallel.hpp"
 
 namespace mrkit_mex {
 
@@ -94,7 +95,9 @@ struct Floats {
 
 enum class Complexity { Any, Real };
 
-inline Floats singleArray(const Call& call, const mxArray* a, const std::string& name,
+// Checks a single array and reads its sizes without asking for its data: Octave converts a
+// complex array's interleaved data on the first request.
+inline Floats singleShape(const Call& call, const mxArray* a, const std::string& name,
                           Complexity complexity, int maxRank) {
     if (mxGetClassID(a) != mxSINGLE_CLASS) call.fail(name + " must be single");
     if (complexity == Complexity::Real && mxIsComplex(a)) call.fail(name + " must be real");
@@ -106,6 +109,12 @@ inline Floats singleArray(const Call& call, const mxArray* a, const std::string&
     Floats f;
     f.dims = mrkit::mex::dims(a);
     f.numel = static_cast<int>(mxGetNumberOfElements(a));
+    return f;
+}
+
+inline Floats singleArray(const Call& call, const mxArray* a, const std::string& name,
+                          Complexity complexity, int maxRank) {
+    Floats f = singleShape(call, a, name, complexity, maxRank);
     f.re = mrkit::mex::real_block(a);
     f.im = mrkit::mex::imag_block(a);
     return f;
@@ -221,11 +230,23 @@ inline NewFloats newSingle(const std::vector<int>& dims, bool complex, Fill fill
     return out;
 }
 
-// Copies an input into a new array of the same shape, for the library's in-place operations.
-inline NewFloats copyOf(const Floats& x) {
-    NewFloats out = newSingle(x.dims, x.im != nullptr, Fill::None);
-    std::copy(x.re, x.re + x.numel, out.re);
-    if (x.im) std::copy(x.im, x.im + x.numel, out.im);
+// A new array holding a copy of a (single, checked), for the library's in-place operations.
+// The host duplicates a complex array, converting Octave's interleaved data into the new split
+// blocks in the same pass; a real one is copied here, into memory nobody zero-fills first.
+inline NewFloats copyOf(const mxArray* a) {
+    NewFloats out;
+    if (mxIsComplex(a)) {
+        out.array = mxDuplicateArray(a);
+        out.re = mrkit::mex::real_block(out.array);
+        out.im = mrkit::mex::imag_block(out.array);
+        return out;
+    }
+    const int n = static_cast<int>(mxGetNumberOfElements(a));
+    out = newSingle(mrkit::mex::dims(a), false, Fill::None);
+    const float* in = mrkit::mex::real_block(a);
+    float* copy = out.re;
+    mrkit::parallel_blocks(
+        n, [&](int begin, int end) { std::copy(in + begin, in + end, copy + begin); });
     return out;
 }
 

@@ -5,11 +5,13 @@
 // one copy of the input.
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <new>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "mex.h"
@@ -23,19 +25,48 @@ constexpr int kAnyRank = 64;      // the toolkit works on any rank
 constexpr int kSenseRank = 13;    // x, y, z, coils and nine more
 constexpr int kSenseMapRank = 5;  // x, y, z, coils, sets
 
+// Wall time of the last command: inside the library, and from the command's start to its
+// outputs being ready. bench/bench_gateway.m reads them with mrkit('-spans') to tell the
+// gateway's and the host's costs from the library's own time, free of its run-to-run noise.
+using Clock = std::chrono::steady_clock;
+struct Spans {
+    double library = 0;  // ms
+    double command = 0;
+} lastSpans;
+
+double msSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// Runs the command's one library call.
+template <class F>
+auto library(F&& f) {
+    const Clock::time_point start = Clock::now();
+    if constexpr (std::is_void_v<decltype(f())>) {
+        f();
+        lastSpans.library = msSince(start);
+    } else {
+        const auto result = f();
+        lastSpans.library = msSince(start);
+        return result;
+    }
+}
+
 void shift(const Call& call, bool inverse) {
     call.arity(2, 2, 1,
                inverse ? "y = mrkit('ifftshift', x, dim)" : "y = mrkit('fftshift', x, dim)");
-    const Floats x = singleArray(call, call.in(0), "x", Complexity::Any, kAnyRank);
+    const Floats x = singleShape(call, call.in(0), "x", Complexity::Any, kAnyRank);
     const int dim = integers(call, call.in(1), "dim", 1, 1, 1, 3)[0];
-    NewFloats y = copyOf(x);
+    NewFloats y = copyOf(call.in(0));
     // The shifts read three sizes, also for a 2-D array shifted along dimension 3.
     const std::vector<int> dims = x.padded(3);
     const int n = static_cast<int>(dims.size());
-    if (inverse)
-        MR_ifftshift(y.re, y.im, dims.data(), n, dim);
-    else
-        MR_fftshift(y.re, y.im, dims.data(), n, dim);
+    library([&] {
+        if (inverse)
+            MR_ifftshift(y.re, y.im, dims.data(), n, dim);
+        else
+            MR_fftshift(y.re, y.im, dims.data(), n, dim);
+    });
     call.give(0, y.array);
 }
 
@@ -63,14 +94,16 @@ void zeropad(const Call& call) {
     if (size_bound(outDims) > kMaxIndex) call.fail("newSize is too large for 32-bit indices");
 
     NewFloats y = newSingle(toInts(outDims), x.im != nullptr, Fill::Zero);
-    MR_zero_pad(x.re, x.im, x.rank(), x.dims.data(), newSize[0], newSize[1], newSize[2], y.re,
-                y.im);
+    library([&] {
+        MR_zero_pad(x.re, x.im, x.rank(), x.dims.data(), newSize[0], newSize[1], newSize[2], y.re,
+                    y.im);
+    });
     call.give(0, y.array);
 }
 
 void ringing(const Call& call) {
     call.arity(3, 3, 1, "y = mrkit('ringing', x, strength, width)");
-    const Floats x = singleArray(call, call.in(0), "x", Complexity::Any, kAnyRank);
+    const Floats x = singleShape(call, call.in(0), "x", Complexity::Any, kAnyRank);
     const std::vector<double> strength = finiteNumbers(call, call.in(1), "strength", 1, 3);
     const std::vector<int> width = integers(call, call.in(2), "width", 1, 3, 1, kMaxIndex);
     // A dimension without an entry is left alone: no taper over its whole size.
@@ -80,8 +113,8 @@ void ringing(const Call& call) {
         s[d] = d < strength.size() ? strength[d] : 0.0;
         w[d] = d < width.size() ? width[d] : std::max(1, x.dim(static_cast<int>(d)));
     }
-    NewFloats y = copyOf(x);
-    MR_ringing_filter(y.re, y.im, x.rank(), x.dims.data(), s, w);
+    NewFloats y = copyOf(call.in(0));
+    library([&] { MR_ringing_filter(y.re, y.im, x.rank(), x.dims.data(), s, w); });
     call.give(0, y.array);
 }
 
@@ -102,10 +135,12 @@ void coilCombine(const Call& call, bool phaseCorrected) {
     // The sum of squares accumulates into its output; the phase-corrected form overwrites it.
     const std::vector<int> shape(outDims.begin(), outDims.begin() + x.rank());
     NewFloats y = newSingle(shape, phaseCorrected, phaseCorrected ? Fill::None : Fill::Zero);
-    if (phaseCorrected)
-        MR_perform_pcsos(x.re, x.im, n, dims.data(), coilDim, y.re, y.im, outDims.data());
-    else
-        MR_perform_sos(x.re, x.im, n, dims.data(), coilDim, y.re, outDims.data());
+    library([&] {
+        if (phaseCorrected)
+            MR_perform_pcsos(x.re, x.im, n, dims.data(), coilDim, y.re, y.im, outDims.data());
+        else
+            MR_perform_sos(x.re, x.im, n, dims.data(), coilDim, y.re, outDims.data());
+    });
     call.give(0, y.array);
 }
 
@@ -138,6 +173,13 @@ void coefficients(const Call& call, const mxArray* a, const char* name, float (&
         for (int m = 0; m < Cols; ++m) out[n][m] = static_cast<float>(v[n + Rows * m]);
 }
 
+// Branch-free, so the loop vectorises: NaN and infinities both fail the comparison.
+bool allFinite(const float* v, int n) {
+    int bad = 0;
+    for (int k = 0; k < n; ++k) bad |= !(std::fabs(v[k]) <= std::numeric_limits<float>::max());
+    return !bad;
+}
+
 void gradwarp(const Call& call) {
     call.arity(7, 7, 3, "[xo, yo, zo] = mrkit('gradwarp', x, y, z, coefSin, coefCos, coefZ, r0)");
     const char* names[3] = {"x", "y", "z"};
@@ -148,8 +190,7 @@ void gradwarp(const Call& call) {
         // A non-finite point has no polar angle; a finite one gives a cosine in [-1, 1], which
         // keeps the Legendre table index in range and plgndr (whose process exit must never
         // be reached from a host) within its domain.
-        for (int k = 0; k < p[i].numel; ++k)
-            if (!std::isfinite(p[i].re[k])) call.fail(std::string(names[i]) + " must be finite");
+        if (!allFinite(p[i].re, p[i].numel)) call.fail(std::string(names[i]) + " must be finite");
     }
     float coefSin[14][12], coefCos[14][12], coefZ[17][1];
     coefficients(call, call.in(3), "coefSin", coefSin);
@@ -164,8 +205,10 @@ void gradwarp(const Call& call) {
 
     NewFloats out[3];
     for (int i = 0; i < 3; ++i) out[i] = newSingle(p[0].dims, false, Fill::None);
-    MR_geometry_correction(p[0].re, p[1].re, p[2].re, out[0].re, out[1].re, out[2].re, p[0].numel,
-                           coefSin, coefCos, coefZ, static_cast<float>(r0));
+    library([&] {
+        MR_geometry_correction(p[0].re, p[1].re, p[2].re, out[0].re, out[1].re, out[2].re,
+                               p[0].numel, coefSin, coefCos, coefZ, static_cast<float>(r0));
+    });
     for (int i = 0; i < 3; ++i) call.give(i, out[i].array);
 }
 
@@ -267,14 +310,16 @@ void sense(const Call& call) {
 
     const std::vector<int> outDims32 = toInts(outDims);
     NewFloats img = newSingle(outDims32, true, Fill::Zero);  // zero where nothing unfolds
-    const int status =
-        MR_sense_recon(folded.re, folded.im, nFolded, fd.data(), sens.re,
-                       realSens ? zeros.data() : sens.im, 4, sensDims, noise ? noise->re : nullptr,
-                       noise ? (realNoise ? zeros.data() : noise->im) : nullptr, 2, noiseDims,
-                       full.data(), ref ? ref->re : nullptr, ref ? ref->im : nullptr,
-                       ref ? ref->rank() : 1, ref ? ref->dims.data() : one, reg ? reg->re : nullptr,
-                       reg ? reg->im : nullptr, reg ? reg->rank() : 1, reg ? reg->dims.data() : one,
-                       regScale, img.re, img.im, outDims32.data());
+    const int status = library([&] {
+        return MR_sense_recon(
+            folded.re, folded.im, nFolded, fd.data(), sens.re, realSens ? zeros.data() : sens.im, 4,
+            sensDims, noise ? noise->re : nullptr,
+            noise ? (realNoise ? zeros.data() : noise->im) : nullptr, 2, noiseDims, full.data(),
+            ref ? ref->re : nullptr, ref ? ref->im : nullptr, ref ? ref->rank() : 1,
+            ref ? ref->dims.data() : one, reg ? reg->re : nullptr, reg ? reg->im : nullptr,
+            reg ? reg->rank() : 1, reg ? reg->dims.data() : one, regScale, img.re, img.im,
+            outDims32.data());
+    });
     call.give(0, img.array);
     call.give(1, mxCreateDoubleScalar(status));
 }
@@ -302,14 +347,22 @@ void run(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs) {
                            commandList()};
     char name[64] = "";
     mxGetString(prhs[0], name, sizeof name);  // a longer text is no command anyway
+    if (std::strcmp(name, "-spans") == 0) {   // for the benchmark; not a user command
+        plhs[0] = mxCreateDoubleMatrix(1, 2, mxREAL);
+        mxGetPr(plhs[0])[0] = lastSpans.library;
+        mxGetPr(plhs[0])[1] = lastSpans.command;
+        return;
+    }
     for (const Command& c : kCommands) {
         if (std::strcmp(name, c.name) != 0) continue;
         const Call call(c.name, nlhs, plhs, nrhs, prhs);
+        const Clock::time_point start = Clock::now();
         try {
             c.run(call);
         } catch (const std::bad_alloc&) {
             call.fail("not enough memory");
         }
+        lastSpans.command = msSince(start);
         return;
     }
     throw ArgError{"mrkit:command", "mrkit: unknown command '" + std::string(name) +

@@ -141,8 +141,13 @@
 %! expect_error("mrkit:gradwarp: y must be real", "gradwarp", x, complex(y), z, sinc, cosc, zc, r0);
 %! expect_error("mrkit:gradwarp: z must have the size of x", "gradwarp", x, y, z.', sinc, cosc, zc, r0);
 %! expect_error("mrkit:gradwarp: y must have the size of x", "gradwarp", x, [y 0], z, sinc, cosc, zc, r0);
+%! p = single(linspace(-0.5, 0.5, 37));  % the check runs in vector steps and a scalar tail
 %! for bad = {NaN, Inf, -Inf}
-%!   expect_error("mrkit:gradwarp: z must be finite", "gradwarp", x, y, [z(1) bad{1}], sinc, cosc, zc, r0);
+%!   for at = [1 18 37]
+%!     q = p;
+%!     q(at) = bad{1};
+%!     expect_error("mrkit:gradwarp: z must be finite", "gradwarp", p, p, q, sinc, cosc, zc, r0);
+%!   end
 %! end
 %! expect_error("mrkit:gradwarp: coefSin must be 14x12 (degrees 0 to 13 by orders 0 to 11)", "gradwarp", x, y, z, sinc.', cosc, zc, r0);
 %! expect_error("mrkit:gradwarp: coefCos must be 14x12 (degrees 0 to 13 by orders 0 to 11)", "gradwarp", x, y, z, sinc, cosc(1:13, :), zc, r0);
