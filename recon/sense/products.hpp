@@ -6,6 +6,7 @@
 #pragma once
 
 #include <Eigen/Dense>
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstring>
@@ -21,6 +22,7 @@
 namespace mrkit::small {
 
 using cd = std::complex<double>;
+using cf = std::complex<float>;
 using Packet = Eigen::internal::Packet1cd;
 static_assert(std::is_same<Eigen::internal::packet_traits<cd>::type, Packet>::value,
               "one complex<double> per packet expected");
@@ -217,6 +219,48 @@ inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd
     }
 }
 
+// u = M v for M rows x cols (column-major, leading dimension ld, rows >= 1) with complex<float>
+// entries, as Eigen 3.4's dense product computes it on SSE2 (two complex per packet): a single row
+// is Eigen's inner product (terms summed in order, then scaled by alpha = 1); otherwise the
+// matrix-vector kernel: rows in pairs, each column block accumulated as product + running sum and
+// added to the result as c * alpha + result, an odd last row in scalar arithmetic. The scalar steps
+// use Eigen's complex product formula for the terms and the complex operator for alpha, as Eigen
+// does.
+using Packet2 = Eigen::internal::Packet2cf;
+static_assert(std::is_same<Eigen::internal::packet_traits<cf>::type, Packet2>::value,
+              "two complex<float> per packet expected");
+
+inline void matrix_vector_sse2(const cf* M, Eigen::Index ld, Eigen::Index rows, Eigen::Index cols,
+                               const cf* v, cf* u) {
+    using namespace Eigen::internal;
+    const cf alpha(1.0f, 0.0f);
+    if (rows == 1) {
+        cf sum = pmul(M[0], v[0]);
+        for (Eigen::Index j = 1; j < cols; ++j) sum = sum + pmul(M[j * ld], v[j]);
+        u[0] = cf(0.0f);
+        u[0] += alpha * sum;
+        return;
+    }
+    for (Eigen::Index i = 0; i < rows; ++i) u[i] = cf(0.0f);
+    const Eigen::Index block = cols < 128 ? cols : (ld * Eigen::Index(sizeof(cf)) < 32000 ? 16 : 4);
+    const Packet2 palpha = pset1<Packet2>(alpha);
+    for (Eigen::Index j2 = 0; j2 < cols; j2 += block) {
+        const Eigen::Index jend = std::min(j2 + block, cols);
+        Eigen::Index i = 0;
+        for (; i + 1 < rows; i += 2) {
+            Packet2 c = pset1<Packet2>(cf(0.0f));
+            for (Eigen::Index j = j2; j < jend; ++j)
+                c = padd(pmul(ploadu<Packet2>(M + i + j * ld), pset1<Packet2>(v[j])), c);
+            pstoreu(u + i, padd(pmul(c, palpha), ploadu<Packet2>(u + i)));
+        }
+        if (i < rows) {
+            cf c(0.0f);
+            for (Eigen::Index j = j2; j < jend; ++j) c += pmul(M[i + j * ld], v[j]);
+            u[i] += alpha * c;
+        }
+    }
+}
+
 }  // namespace mrkit::small
 #endif
 
@@ -288,6 +332,19 @@ inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
                            b.rows(), dst.data(), dst.rows());
 #endif
     dst.noalias() = a * b.adjoint();
+}
+
+// u = M v, M rows x cols (rows >= 1) with leading dimension ld: the unfolding's coil product.
+inline void matrix_vector(const std::complex<float>* M, Eigen::Index ld, Eigen::Index rows,
+                          Eigen::Index cols, const std::complex<float>* v, std::complex<float>* u) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    matrix_vector_sse2(M, ld, rows, cols, v, u);
+#else
+    using Matrix = Eigen::Map<const Eigen::MatrixXcf, 0, Eigen::OuterStride<> >;
+    Eigen::Map<Eigen::VectorXcf>(u, rows).noalias() =
+        Matrix(M, rows, cols, Eigen::OuterStride<>(ld)) *
+        Eigen::Map<const Eigen::VectorXcf>(v, cols);
+#endif
 }
 
 }  // namespace mrkit::small

@@ -109,4 +109,29 @@ TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
         ASSERT_TRUE(same_bits(expected, got)) << "k " << k << ", round " << round;
     }
 }
+
+// The unfolding's coil product against the expression it replaces, u = M.topRows(rows) * v with
+// M allocated for more rows: one row (Eigen's inner product), odd row counts (a scalar last row),
+// and more than 128 columns (blocks of columns).
+TEST(SmallProducts, CoilProductBitIdenticalToEigen) {
+    Values v;
+    for (int round = 0; round < 6000; ++round) {
+        v.special = round % 2 == 1;
+        const int rows = 1 + static_cast<int>(v.gen() % 9);
+        const int ld = rows + static_cast<int>(v.gen() % 3);
+        const int cols = round % 50 == 0 ? 120 + static_cast<int>(v.gen() % 90)
+                                         : 1 + static_cast<int>(v.gen() % 16);
+        const Eigen::MatrixXcf M = v.matrix(ld, cols).cast<std::complex<float>>();
+        const Eigen::VectorXcf x = v.matrix(cols, 1).cast<std::complex<float>>();
+        Eigen::VectorXcf expected(ld), got(ld);
+        expected.head(rows).noalias() = M.topRows(rows) * x;
+        mrkit::small::matrix_vector(M.data(), ld, rows, cols, x.data(), got.data());
+        const float* a = reinterpret_cast<const float*>(expected.data());
+        const float* b = reinterpret_cast<const float*>(got.data());
+        for (int i = 0; i < 2 * rows; ++i)
+            ASSERT_TRUE((std::isnan(a[i]) && std::isnan(b[i])) || !std::memcmp(a + i, b + i, 4))
+                << "rows " << rows << ", cols " << cols << ", part " << i << ": " << a[i] << " vs "
+                << b[i];
+    }
+}
 #endif
