@@ -92,15 +92,13 @@ class Worker {
           D_(Eigen::MatrixXcd::Zero(slots, slots)),
           solves_(slots + 1) {}
 
-    // Factors of folded voxel (x, yf, zf) with the aliased lines ys and zs; `valid` holds the
-    // flags of column x, which stay set once set.
-    void solve(int x, int yf, int zf, const Line& ys, const Line& zs, int* valid) {
+    // Factors of folded voxel (x, yf, zf) with the aliased lines ys and zs, into out[s + c * n]
+    // (n = ys.count * zs.count); `valid` holds the flags of column x, which stay set once set.
+    void solve(int x, const Line& ys, const Line& zs, int* valid, std::complex<double>* out) {
         const int K = collect(x, ys, zs, valid);
         const int n = ys.count * zs.count;
-        const int base = x + p_.nx * (yf + p_.nYf * zf), V = p_.nx * p_.nYf * p_.nZf;
         if (K == 0) {
-            for (int c = 0; c < p_.coils; ++c)
-                for (int s = 0; s < n; ++s) p_.factors[base + V * (s + c * n)] = 0.0;
+            std::fill(out, out + static_cast<size_t>(n) * p_.coils, 0.0);
             return;
         }
         const Eigen::MatrixXcd& U = weights(K);
@@ -114,7 +112,7 @@ class Worker {
                     if (row < K) value = U(row, c);
                     ++row;
                 }
-                p_.factors[base + V * (s + c * n)] = value;
+                out[s + c * n] = value;
             }
         }
     }
@@ -260,14 +258,27 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
         // along rows; each column of the tile keeps its own validity flags.
         constexpr int kTile = 32;
         std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
+        // The tile's factors of one (yf, zf) line, voxel by voxel, then written block by block:
+        // the blocks lie a multiple of 4 KiB apart, too many to write to at once.
+        const size_t perVoxel = static_cast<size_t>(slots) * coils;
+        std::vector<std::complex<double>> line(kTile * perVoxel);
+        const size_t V = static_cast<size_t>(nx) * nYf * nZf;
         for (int x0 = begin; x0 < end; x0 += kTile) {
             const int x1 = std::min(end, x0 + kTile);
             std::fill(validFlags.begin(), validFlags.end(), 0);
             for (int yf = 0; yf < nYf; ++yf)
-                for (int zf = 0; zf < nZf; ++zf)
+                for (int zf = 0; zf < nZf; ++zf) {
                     for (int x = x0; x < x1; ++x)
-                        worker.solve(x, yf, zf, yLines[yf], zLines[zf],
-                                     validFlags.data() + static_cast<size_t>(x - x0) * slots);
+                        worker.solve(x, yLines[yf], zLines[zf],
+                                     validFlags.data() + static_cast<size_t>(x - x0) * slots,
+                                     line.data() + (x - x0) * perVoxel);
+                    const int blocks = yLines[yf].count * zLines[zf].count * coils;
+                    std::complex<double>* out =
+                        factors.data() + x0 + static_cast<size_t>(nx) * (yf + nYf * zf);
+                    for (int b = 0; b < blocks; ++b)
+                        for (int x = x0; x < x1; ++x)
+                            out[b * V + (x - x0)] = line[(x - x0) * perVoxel + b];
+                }
         }
     });
 

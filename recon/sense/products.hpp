@@ -85,8 +85,9 @@ inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
         for (Eigen::Index r = 0; r < k; ++r) {
             Packet s = pset1<Packet>(cd(0));
             for (Eigen::Index i = 0; i < m; ++i) {
-                const cd bi = adjointB ? std::conj(b[c + i * ldb]) : b[i + c * ldb];
-                s = padd(pmul(load(a + r + i * lda), pset1<Packet>(bi)), s);
+                // conj flips the sign of the imaginary part, as pconj does in the register.
+                const Packet bi = adjointB ? pconj(load(b + c + i * ldb)) : load(b + i + c * ldb);
+                s = padd(pmul(load(a + r + i * lda), bi), s);
             }
             if (add) s = padd(s, load(add + r + c * ldadd));
             store(dst + r + c * ldd, s);
