@@ -129,19 +129,26 @@ void with_inner(Eigen::Index m, F&& f) {
 // zero signed negative exactly when the real part of a is and the imaginary part is not.
 inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m, Eigen::Index k,
                                    cd* dst, Eigen::Index ldd) {
+    // Lane by lane: v - v is 0 exactly for finite v; movemask gives the signs (bit 0 real).
+    const __m128d zero = _mm_setzero_pd(), conjugate = _mm_set_pd(-0.0, 0.0);
     for (Eigen::Index r = 0; r < k; ++r) {
-        const cd* ar = a + r * lda;
+        const double* ar = reinterpret_cast<const double*>(a + r * lda);
+        int finite = 3;
         bool reNegative = true, imNegative = true;
         for (Eigen::Index i = 0; i < m; ++i) {
-            const double x = ar[i].real(), y = ar[i].imag();
-            if (!std::isfinite(x) || !std::isfinite(y)) return false;
-            reNegative = reNegative && std::signbit(x) && std::signbit(y);
-            imNegative = imNegative && std::signbit(x) && !std::signbit(y);
+            const __m128d v = _mm_loadu_pd(ar + 2 * i);
+            finite &= _mm_movemask_pd(_mm_cmpeq_pd(_mm_sub_pd(v, v), zero));
+            const int sign = _mm_movemask_pd(v);
+            reNegative = reNegative && sign == 3;
+            imNegative = imNegative && sign == 1;
         }
-        const double reZero = reNegative ? -0.0 : 0.0, imZero = imNegative ? -0.0 : 0.0;
+        if (finite != 3) return false;
+        const __m128d zeros = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
         for (Eigen::Index c = 0; c < m; ++c) {
-            const double x = ar[c].real(), y = -ar[c].imag();
-            dst[r + c * ldd] = cd(x != 0.0 ? x : reZero, y != 0.0 ? y : imZero);
+            const __m128d v = _mm_xor_pd(_mm_loadu_pd(ar + 2 * c), conjugate);
+            const __m128d nonzero = _mm_cmpneq_pd(v, zero);
+            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd),
+                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, zeros)));
         }
     }
     return true;
@@ -150,11 +157,12 @@ inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m
 // times<false> for b = I: the sums start from +0, so a zero result is always +0.
 inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m, cd* dst,
                            Eigen::Index ldd) {
+    const __m128d zero = _mm_setzero_pd();
     for (Eigen::Index c = 0; c < m; ++c)
         for (Eigen::Index r = 0; r < k; ++r) {
-            const cd v = a[r + c * lda];
-            if (!std::isfinite(v.real()) || !std::isfinite(v.imag())) return false;
-            dst[r + c * ldd] = cd(v.real() + 0.0, v.imag() + 0.0);
+            const __m128d v = _mm_loadu_pd(reinterpret_cast<const double*>(a + r + c * lda));
+            if (_mm_movemask_pd(_mm_cmpeq_pd(_mm_sub_pd(v, v), zero)) != 3) return false;
+            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), _mm_add_pd(v, zero));
         }
     return true;
 }
