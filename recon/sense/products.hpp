@@ -240,35 +240,98 @@ static_assert(std::is_same<Eigen::internal::packet_traits<cf>::type, Packet2>::v
               "two complex<float> per packet expected");
 
 inline void matrix_vector_sse2(const cf* M, Eigen::Index ld, Eigen::Index rows, Eigen::Index cols,
-                               const cf* v, cf* u) {
+                               const cf* v, Eigen::Index vstride, cf* u) {
     using namespace Eigen::internal;
     const cf alpha(1.0f, 0.0f);
     if (rows == 1) {
         cf sum = pmul(M[0], v[0]);
-        for (Eigen::Index j = 1; j < cols; ++j) sum = sum + pmul(M[j * ld], v[j]);
+        for (Eigen::Index j = 1; j < cols; ++j) sum = sum + pmul(M[j * ld], v[j * vstride]);
         u[0] = cf(0.0f);
         u[0] += alpha * sum;
         return;
     }
-    for (Eigen::Index i = 0; i < rows; ++i) u[i] = cf(0.0f);
+    // The result starts at zero; the first column block adds to that zero.
     const Eigen::Index block = cols < 128 ? cols : (ld * Eigen::Index(sizeof(cf)) < 32000 ? 16 : 4);
-    const Packet2 palpha = pset1<Packet2>(alpha);
+    const Packet2 palpha = pset1<Packet2>(alpha), zero = pset1<Packet2>(cf(0.0f));
     for (Eigen::Index j2 = 0; j2 < cols; j2 += block) {
         const Eigen::Index jend = std::min(j2 + block, cols);
         Eigen::Index i = 0;
         for (; i + 1 < rows; i += 2) {
-            Packet2 c = pset1<Packet2>(cf(0.0f));
+            Packet2 c = zero;
             for (Eigen::Index j = j2; j < jend; ++j)
-                c = padd(pmul(ploadu<Packet2>(M + i + j * ld), pset1<Packet2>(v[j])), c);
-            pstoreu(u + i, padd(pmul(c, palpha), ploadu<Packet2>(u + i)));
+                c = padd(pmul(ploadu<Packet2>(M + i + j * ld), pset1<Packet2>(v[j * vstride])), c);
+            pstoreu(u + i, padd(pmul(c, palpha), j2 == 0 ? zero : ploadu<Packet2>(u + i)));
         }
         if (i < rows) {
             cf c(0.0f);
-            for (Eigen::Index j = j2; j < jend; ++j) c += pmul(M[i + j * ld], v[j]);
+            for (Eigen::Index j = j2; j < jend; ++j) c += pmul(M[i + j * ld], v[j * vstride]);
+            if (j2 == 0) u[i] = cf(0.0f);
             u[i] += alpha * c;
         }
     }
 }
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#define MRKIT_AVX2_PAIRS 1
+}  // namespace mrkit::small
+#include <immintrin.h>
+namespace mrkit::small {
+// Eigen's complex product of two complex<float> per 128-bit lane, as in pmul<Packet2cf>.
+__attribute__((target("avx2"))) inline __m256 pmul_avx2(__m256 a, __m256 b) {
+    const __m256 sign = _mm256_castsi256_ps(_mm256_setr_epi32(
+        int(0x80000000), 0, int(0x80000000), 0, int(0x80000000), 0, int(0x80000000), 0));
+    return _mm256_add_ps(
+        _mm256_mul_ps(_mm256_moveldup_ps(a), b),
+        _mm256_xor_ps(_mm256_mul_ps(_mm256_movehdup_ps(a), _mm256_permute_ps(b, 0xB1)), sign));
+}
+
+// Two complex at a, then two at b.
+__attribute__((target("avx2"))) inline __m256 load_two(const cf* a, const cf* b) {
+    return _mm256_insertf128_ps(
+        _mm256_castps128_ps256(_mm_loadu_ps(reinterpret_cast<const float*>(a))),
+        _mm_loadu_ps(reinterpret_cast<const float*>(b)), 1);
+}
+
+// The complex at a twice, then the one at b twice.
+__attribute__((target("avx2"))) inline __m256 broadcast_two(const cf* a, const cf* b) {
+    const __m128d x = _mm_load_sd(reinterpret_cast<const double*>(a));
+    const __m128d y = _mm_load_sd(reinterpret_cast<const double*>(b));
+    return _mm256_castpd_ps(
+        _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_movedup_pd(x)), _mm_movedup_pd(y), 1));
+}
+
+// matrix_vector_sse2 for two matrices of the same shape (cols < 128) and their vectors at once:
+// the row pairs of both in one 256-bit register, lane by lane the same products and sums (the
+// same swizzles, no fused multiply-add), so that the two running sums advance side by side.
+__attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
+    const cf* Ma, Eigen::Index lda, const cf* Mb, Eigen::Index ldb, Eigen::Index rows,
+    Eigen::Index cols, const cf* va, const cf* vb, Eigen::Index vstride, cf* ua, cf* ub) {
+    const __m256 alpha = _mm256_setr_ps(1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f);
+    Eigen::Index i = 0;
+    for (; i + 1 < rows; i += 2) {
+        __m256 c = _mm256_setzero_ps();
+        for (Eigen::Index j = 0; j < cols; ++j)
+            c = _mm256_add_ps(pmul_avx2(load_two(Ma + i + j * lda, Mb + i + j * ldb),
+                                        broadcast_two(va + j * vstride, vb + j * vstride)),
+                              c);
+        const __m256 u = _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps());
+        _mm_storeu_ps(reinterpret_cast<float*>(ua + i), _mm256_castps256_ps128(u));
+        _mm_storeu_ps(reinterpret_cast<float*>(ub + i), _mm256_extractf128_ps(u, 1));
+    }
+    if (i < rows) {  // the scalar last row, as matrix_vector_sse2 does it
+        const cf one(1.0f, 0.0f);
+        cf a(0.0f), b(0.0f);
+        for (Eigen::Index j = 0; j < cols; ++j) {
+            a += Eigen::internal::pmul(Ma[i + j * lda], va[j * vstride]);
+            b += Eigen::internal::pmul(Mb[i + j * ldb], vb[j * vstride]);
+        }
+        ua[i] = cf(0.0f);
+        ua[i] += one * a;
+        ub[i] = cf(0.0f);
+        ub[i] += one * b;
+    }
+}
+#endif
 
 }  // namespace mrkit::small
 #endif
@@ -343,16 +406,19 @@ inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
     dst.noalias() = a * b.adjoint();
 }
 
-// u = M v, M rows x cols (rows >= 1) with leading dimension ld: the unfolding's coil product.
+// u = M v, M rows x cols (rows >= 1) with leading dimension ld, entry j of v at v[j * vstride]:
+// the unfolding's coil product.
 inline void matrix_vector(const std::complex<float>* M, Eigen::Index ld, Eigen::Index rows,
-                          Eigen::Index cols, const std::complex<float>* v, std::complex<float>* u) {
+                          Eigen::Index cols, const std::complex<float>* v, Eigen::Index vstride,
+                          std::complex<float>* u) {
 #ifdef MRKIT_SMALL_PRODUCTS
-    matrix_vector_sse2(M, ld, rows, cols, v, u);
+    matrix_vector_sse2(M, ld, rows, cols, v, vstride, u);
 #else
     using Matrix = Eigen::Map<const Eigen::MatrixXcf, 0, Eigen::OuterStride<> >;
+    using Vector = Eigen::Map<const Eigen::VectorXcf, 0, Eigen::InnerStride<> >;
     Eigen::Map<Eigen::VectorXcf>(u, rows).noalias() =
         Matrix(M, rows, cols, Eigen::OuterStride<>(ld)) *
-        Eigen::Map<const Eigen::VectorXcf>(v, cols);
+        Vector(v, cols, Eigen::InnerStride<>(vstride));
 #endif
 }
 

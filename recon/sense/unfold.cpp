@@ -65,6 +65,9 @@ struct Aliases {
 using cd = std::complex<double>;
 using cf = std::complex<float>;
 
+// Aliased positions per folded voxel up to which the output offsets are kept per row.
+constexpr int kMaxSlots = 64;
+
 // Rows of the factor grid with the blocks of each grid voxel side by side: entry k of voxel q of a
 // cached row is block k at flat index row * F0 + lo + q. One thread's columns only, a few rows
 // kept (least recently used goes), so that a voxel's factors are read as a run, not one element
@@ -163,8 +166,21 @@ struct Chunk {
           values(static_cast<size_t>(kLength) * c) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
-    cf* values_at(int i) { return values.data() + static_cast<size_t>(i) * coils; }
+    cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
 };
+
+// Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
+inline void gather(const float* re, const float* im, int x0, int x1, cf* out) {
+    float* to = reinterpret_cast<float*>(out) - 2 * x0;
+    int x = x0;
+    if (im)
+        for (; x + 4 <= x1; x += 4) {
+            const __m128 r = _mm_loadu_ps(re + x), i = _mm_loadu_ps(im + x);
+            _mm_storeu_ps(to + 2 * x, _mm_unpacklo_ps(r, i));
+            _mm_storeu_ps(to + 2 * x + 4, _mm_unpackhi_ps(r, i));
+        }
+    for (; x < x1; ++x) out[x - x0] = cf(re[x], im ? im[x] : 0.0f);
+}
 
 inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
@@ -296,7 +312,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
     mrkit::parallel_blocks(fd0, [&](int begin, int end) {
         if (begin >= end) return;
         Chunk ch(slots, fd3);
-        Eigen::VectorXcf u(slots);
+        Eigen::VectorXcf u(slots), u2(slots);
         // Grid columns of this thread's corners: the lower one of each x and the next.
         const int lo = xs[begin].lower, width = xs[end - 1].lower + 2 - lo;
         RowCache cache(factors.data(), F0, V, lo, width, blocks, F2 > 1 ? 8 : 4);
@@ -384,30 +400,37 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                     }
                     if (ch.active == 0) continue;
 
+                    // Output offset of each aliased position (y outer, z inner) but for x; when
+                    // none can reach past the output, a voxel whose positions all carry signal
+                    // writes them without the checks below.
+                    int offset[kMaxSlots];
+                    bool inside = n <= kMaxSlots;
+                    for (int m = 0; m < n && inside; ++m) {
+                        offset[m] = yList[m / nz] * N0 + zList[m % nz] * outPlane;
+                        inside = offset[m] + x1 - 1 < outTotal;
+                    }
+                    const int rowStart = y * fd0 + z * slab;
+                    const bool folded = rowStart + x1 - 1 < foldedTotal;
                     for (const Volume& vol : volumes) {
                         // The chunk's coil values, coil by coil along the row, so that the
                         // coils' rows (a volume apart) are not all read at once.
-                        const int rowStart = y * fd0 + z * slab;
-                        for (int c = 0; c < fd3; ++c) {
-                            const float* re = vol.foldedRe + rowStart + c * volume;
-                            const float* im =
-                                vol.foldedIm ? vol.foldedIm + rowStart + c * volume : nullptr;
-                            for (int x = x0; x < x1; ++x)
-                                ch.values_at(x - x0)[c] = cf(re[x], im ? im[x] : 0.0f);
-                        }
-                        for (int i = 0; i < ch.active; ++i) {
+                        for (int c = 0; c < fd3; ++c)
+                            gather(vol.foldedRe + rowStart + c * volume,
+                                   vol.foldedIm ? vol.foldedIm + rowStart + c * volume : nullptr,
+                                   x0, x1, ch.values_at(c));
+                        // Results u of voxel i to its aliased positions.
+                        const auto scatter = [&](int i, const cf* u) {
                             const int x = ch.x[i];
-                            const int f = y * fd0 + x + z * slab;
-                            if (f >= foldedTotal) {
-                                status.store(-1, std::memory_order_relaxed);
-                                continue;
+                            if (inside && ch.valid[i] == n) {
+                                for (int m = 0; m < n; ++m) {
+                                    vol.outRe[offset[m] + x] = u[m].real();
+                                    vol.outIm[offset[m] + x] = u[m].imag();
+                                }
+                                return;
                             }
-                            mrkit::small::matrix_vector(ch.matrix(i), ch.ld[i], ch.valid[i], fd3,
-                                                        ch.values_at(x - x0), u.data());
-
                             // Aliased positions in factor order (y outer, z inner). One outside
                             // the output advances neither counter, so the rest of the voxel
-                            // pairs with the mask one step behind; that pairing is kept as it is.
+                            // pairs with the mask one step behind; that pairing is kept.
                             const int* rows = ch.rows(i);
                             int k = 0, j = 0;
                             for (int iy = 0; iy < ny; ++iy) {
@@ -427,6 +450,33 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                                     ++k;
                                 }
                             }
+                        };
+                        const cf* values = ch.values_at(0);
+                        for (int i = 0; i < ch.active; ++i) {
+                            const int x = ch.x[i];
+                            if (!folded && y * fd0 + x + z * slab >= foldedTotal) {
+                                status.store(-1, std::memory_order_relaxed);
+                                continue;
+                            }
+#ifdef MRKIT_AVX2_PAIRS
+                            // Two voxels of the same row count at once.
+                            if (kAvx2 && folded && i + 1 < ch.active && fd3 < 128 &&
+                                ch.valid[i] >= 2 && ch.valid[i + 1] == ch.valid[i]) {
+                                const int x2 = ch.x[i + 1];
+                                mrkit::small::matrix_vector_two_avx2(
+                                    ch.matrix(i), ch.ld[i], ch.matrix(i + 1), ch.ld[i + 1],
+                                    ch.valid[i], fd3, values + (x - x0), values + (x2 - x0),
+                                    Chunk::kLength, u.data(), u2.data());
+                                scatter(i, u.data());
+                                scatter(i + 1, u2.data());
+                                ++i;
+                                continue;
+                            }
+#endif
+                            mrkit::small::matrix_vector(ch.matrix(i), ch.ld[i], ch.valid[i], fd3,
+                                                        values + (x - x0), Chunk::kLength,
+                                                        u.data());
+                            scatter(i, u.data());
                         }
                     }
                 }
