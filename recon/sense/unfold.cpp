@@ -8,11 +8,11 @@
 #include <vector>
 
 #include <emmintrin.h>
-#include <immintrin.h>
 
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
+#include "recon/sense/factor_rows.hpp"
 #include "recon/sense/products.hpp"
 #include "recon/sense/unfold_volumes.hpp"
 
@@ -62,84 +62,11 @@ struct Aliases {
     const int* of(int i) const { return position.data() + static_cast<size_t>(i) * most; }
 };
 
-using cd = std::complex<double>;
-using cf = std::complex<float>;
+using mrkit::sense::cd;
+using mrkit::sense::cf;
 
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
-
-// Rows of the factor grid with the blocks of each grid voxel side by side: entry k of voxel q of a
-// cached row is block k at flat index row * F0 + lo + q. One thread's columns only, a few rows
-// kept (least recently used goes), so that a voxel's factors are read as a run, not one element
-// from each block a block apart.
-class RowCache {
-  public:
-    RowCache(const cd* factors, int F0, int V, int lo, int width, int blocks, int rows)
-        : factors_(factors),
-          F0_(F0),
-          V_(V),
-          lo_(lo),
-          width_(width),
-          blocks_(blocks),
-          tag_(rows, -1),
-          filled_(rows, 0),
-          used_(rows, 0),
-          data_(static_cast<size_t>(rows) * width * blocks) {}
-
-    int blocks() const { return blocks_; }
-
-    // Voxel q = 0 of flat row `row`, with at least blocks 0 .. needed - 1 filled. Entries whose
-    // flat index reaches the end of a block are never read (those corners drop out) and are
-    // not filled.
-    const cd* row(int row, int needed) {
-        int slot = 0;
-        for (int s = 0; s < static_cast<int>(tag_.size()); ++s) {
-            if (tag_[s] == row) {
-                slot = s;
-                break;
-            }
-            if (used_[s] < used_[slot]) slot = s;
-        }
-        if (tag_[slot] != row) {
-            tag_[slot] = row;
-            filled_[slot] = 0;
-        }
-        used_[slot] = ++clock_;
-        cd* out = at(slot);
-        if (filled_[slot] < needed) fill(out, row, filled_[slot], needed);
-        filled_[slot] = std::max(filled_[slot], needed);
-        return out;
-    }
-
-  private:
-    cd* at(int slot) { return data_.data() + static_cast<size_t>(slot) * width_ * blocks_; }
-
-    void fill(cd* out, int row, int from, int to) const {
-        const long start = static_cast<long>(row) * F0_ + lo_;
-        const int width = static_cast<int>(std::max<long>(0, std::min<long>(width_, V_ - start)));
-        // A few voxels at a time, so that their entries stay in the first-level cache while
-        // every block is read.
-        constexpr int kTile = 16;
-        for (int q0 = 0; q0 < width; q0 += kTile) {
-            const int q1 = std::min(width, q0 + kTile);
-            for (int k = from; k < to; ++k) {
-                const double* in =
-                    reinterpret_cast<const double*>(factors_ + static_cast<size_t>(k) * V_ + start);
-                double* entry = reinterpret_cast<double*>(out + k);
-                for (int q = q0; q < q1; ++q)
-                    _mm_storeu_pd(entry + 2 * static_cast<size_t>(q) * blocks_,
-                                  _mm_loadu_pd(in + 2 * q));
-            }
-        }
-    }
-
-    const cd* factors_;
-    int F0_, V_, lo_, width_, blocks_;
-    std::vector<int> tag_, filled_;
-    std::vector<long> used_;
-    long clock_ = 0;
-    std::vector<cd> data_;
-};
 
 // One thread's scratch for a run of folded voxels along x (a chunk of one (y, z) row): which
 // aliased positions carry signal, where each voxel's corners start, and its factor matrix.
@@ -149,7 +76,6 @@ struct Chunk {
     int active = 0;             // voxels with signal, in x order
     std::vector<int> x, valid;  // their x and number of positions with signal
     std::vector<int> rowOf;     // slots per voxel: row of position m in M, or -1
-    std::vector<int> column;    // grid column of corner 0 in the cached rows, or -1
     std::vector<int> ld;        // leading dimension of the voxel's M
     std::vector<cf> M;          // slots x coils per voxel, column-major
     std::vector<cf> values;     // coil values of each x of the chunk
@@ -160,7 +86,6 @@ struct Chunk {
           x(kLength),
           valid(kLength),
           rowOf(static_cast<size_t>(kLength) * s),
-          column(kLength),
           ld(kLength),
           M(static_cast<size_t>(kLength) * s * c),
           values(static_cast<size_t>(kLength) * c) {}
@@ -185,102 +110,15 @@ inline void gather(const float* re, const float* im, int x0, int x1, cf* out) {
 inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
 }
-inline cf narrow(__m128d v) {
-    alignas(16) double out[2];
-    _mm_store_pd(out, v);
-    return cf(static_cast<float>(out[0]), static_cast<float>(out[1]));
-}
 
-// M of one voxel from the cached corner rows: entry k of each corner, times the corner's weight,
-// summed in corner order as MR_linear_interpolation does. Corners 2k and 2k + 1 lie in row k, at
-// the voxel's column and the next. All n positions carry signal: M is n x coils, blocks in order.
-template <int Corners>
-void interpolate_all(const cd* const* row, int column, int blocks, const double* weight, int count,
-                     cf* out) {
-    const cd* p[Corners];
-    __m128d w[Corners];
-    for (int k = 0; k < Corners; ++k) {
-        p[k] = row[k >> 1] + static_cast<size_t>(column + (k & 1)) * blocks;
-        w[k] = _mm_set1_pd(weight[k]);
-    }
-    for (int e = 0; e < count; ++e) {
-        __m128d sum = _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(p[0] + e)), w[0]);
-        for (int k = 1; k < Corners; ++k)
-            sum = _mm_add_pd(
-                sum, _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(p[k] + e)), w[k]));
-        out[e] = narrow(sum);
-    }
-}
-
-#if defined(__x86_64__) && defined(__GNUC__)
-// interpolate_all with two entries per instruction: the same products and sums lane by lane (no
-// fused multiply-add), so the same bits.
-template <int Corners>
-__attribute__((target("avx2"))) void interpolate_all_avx2(const cd* const* row, int column,
-                                                          int blocks, const double* weight,
-                                                          int count, cf* out) {
-    const cd* p[Corners];
-    __m256d w[Corners];
-    for (int k = 0; k < Corners; ++k) {
-        p[k] = row[k >> 1] + static_cast<size_t>(column + (k & 1)) * blocks;
-        w[k] = _mm256_set1_pd(weight[k]);
-    }
-    int e = 0;
-    for (; e + 2 <= count; e += 2) {
-        __m256d sum =
-            _mm256_mul_pd(_mm256_loadu_pd(reinterpret_cast<const double*>(p[0] + e)), w[0]);
-        for (int k = 1; k < Corners; ++k)
-            sum = _mm256_add_pd(
-                sum,
-                _mm256_mul_pd(_mm256_loadu_pd(reinterpret_cast<const double*>(p[k] + e)), w[k]));
-        _mm_storeu_ps(reinterpret_cast<float*>(out + e), _mm256_cvtpd_ps(sum));
-    }
-    if (e < count) {
-        __m128d sum = _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(p[0] + e)),
-                                 _mm256_castpd256_pd128(w[0]));
-        for (int k = 1; k < Corners; ++k)
-            sum =
-                _mm_add_pd(sum, _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(p[k] + e)),
-                                           _mm256_castpd256_pd128(w[k])));
-        out[e] = narrow(sum);
-    }
-}
-
-const bool kAvx2 = __builtin_cpu_supports("avx2");
-#else
-const bool kAvx2 = false;
-#endif
-
-template <int Corners>
-void interpolate_all_fast(const cd* const* row, int column, int blocks, const double* weight,
-                          int count, cf* out) {
-#if defined(__x86_64__) && defined(__GNUC__)
-    if (kAvx2) return interpolate_all_avx2<Corners>(row, column, blocks, weight, count, out);
-#endif
-    interpolate_all<Corners>(row, column, blocks, weight, count, out);
-}
-
-// The same for a voxel where only some positions carry signal: rows compacted, leading
-// dimension `slots`.
-template <int Corners>
-void interpolate_some(const cd* const* row, int column, int blocks, const double* weight,
-                      const int* rows, int n, int coils, int slots, cf* out) {
-    const cd* p[Corners];
-    __m128d w[Corners];
-    for (int k = 0; k < Corners; ++k) {
-        p[k] = row[k >> 1] + static_cast<size_t>(column + (k & 1)) * blocks;
-        w[k] = _mm_set1_pd(weight[k]);
-    }
+// M of a voxel with `valid` of its n positions carrying signal (rows: their rows in M).
+template <class Runs>
+void interpolate(const Runs& runs, int valid, const int* rows, int n, int coils, int slots,
+                 bool avx2, cf* out) {
+    if (valid == n) return runs.all(n * coils, out, avx2);
     for (int c = 0; c < coils; ++c)
-        for (int m = 0; m < n; ++m) {
-            if (rows[m] < 0) continue;
-            const int e = c * n + m;
-            __m128d sum = _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(p[0] + e)), w[0]);
-            for (int k = 1; k < Corners; ++k)
-                sum = _mm_add_pd(
-                    sum, _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(p[k] + e)), w[k]));
-            out[rows[m] + static_cast<size_t>(c) * slots] = narrow(sum);
-        }
+        for (int m = 0; m < n; ++m)
+            if (rows[m] >= 0) out[rows[m] + static_cast<size_t>(c) * slots] = runs.at(c * n + m);
 }
 
 }  // namespace
@@ -315,7 +153,8 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
         Eigen::VectorXcf u(slots), u2(slots);
         // Grid columns of this thread's corners: the lower one of each x and the next.
         const int lo = xs[begin].lower, width = xs[end - 1].lower + 2 - lo;
-        RowCache cache(factors.data(), F0, V, lo, width, blocks, F2 > 1 ? 8 : 4);
+        mrkit::sense::FactorRows cache(factors.data(), F0, V, lo, width, blocks, F2 > 1 ? 8 : 4);
+        const bool avx2 = mrkit::sense::has_avx2();
 
         for (int y = 0; y < fd1; ++y) {
             const int ny = yAlias.count[y];
@@ -381,22 +220,15 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                         for (int k = 0; k < corners; ++k)
                             w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
                         rows_for(corners);
-                        const int column = sx.lower - lo;
-                        if (valid == n) {
-                            ch.ld[i] = n;
-                            if (corners == 4)
-                                interpolate_all_fast<4>(row, column, blocks, w, n * fd3, out);
-                            else
-                                interpolate_all_fast<8>(row, column, blocks, w, n * fd3, out);
-                        } else {
-                            ch.ld[i] = slots;
-                            if (corners == 4)
-                                interpolate_some<4>(row, column, blocks, w, rows, n, fd3, slots,
-                                                    out);
-                            else
-                                interpolate_some<8>(row, column, blocks, w, rows, n, fd3, slots,
-                                                    out);
-                        }
+                        // With signal at every position M is all blocks in order (n x coils,
+                        // leading dimension n), otherwise the rows with signal only.
+                        ch.ld[i] = valid == n ? n : slots;
+                        if (corners == 4)
+                            interpolate(mrkit::sense::CornerRuns<4>{row, sx.lower - lo, blocks, w},
+                                        valid, rows, n, fd3, slots, avx2, out);
+                        else
+                            interpolate(mrkit::sense::CornerRuns<8>{row, sx.lower - lo, blocks, w},
+                                        valid, rows, n, fd3, slots, avx2, out);
                     }
                     if (ch.active == 0) continue;
 
@@ -460,7 +292,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                             }
 #ifdef MRKIT_AVX2_PAIRS
                             // Two voxels of the same row count at once.
-                            if (kAvx2 && folded && i + 1 < ch.active && fd3 < 128 &&
+                            if (avx2 && folded && i + 1 < ch.active && fd3 < 128 &&
                                 ch.valid[i] >= 2 && ch.valid[i + 1] == ch.valid[i]) {
                                 const int x2 = ch.x[i + 1];
                                 mrkit::small::matrix_vector_two_avx2(
