@@ -248,3 +248,68 @@ TEST(SenseRecon, BitIdenticalForAnyThreadCount) {
         EXPECT_TRUE(same_bits(one.im, many.im)) << threads;
     }
 }
+
+// The volumes of a sensitivity set are unfolded in one pass; the result must be that of unfolding
+// them one by one with unfold, in the walk's order (dimensions 5-7 outer, 9-13 inner): for
+// separate output volumes, for output volumes that overlap (the later volume's values stay,
+// though it reaches the shared samples from earlier folded lines), and when an output offset
+// falls outside (the volumes walked before it written, the later ones not even where their own
+// offsets would fit, and -1).
+TEST(SenseRecon, VolumesOfASetAsUnfoldedOneByOne) {
+    const int nx = 12, ny = 30, fy = 12, coils = 4, J = 2, K = 2;
+    const Dims full{nx, ny, 1};
+    Split data({nx, fy, 1, coils, J, 1, 1, 1, K});
+    const size_t folded = static_cast<size_t>(nx) * fy * coils;
+    for (int v = 0; v < J * K; ++v) {
+        const Split f = fold(make_object(nx, ny, 1, v), coils, fy, 1);
+        std::copy(f.re.begin(), f.re.end(), data.re.begin() + v * folded);
+        std::copy(f.im.begin(), f.im.end(), data.im.begin() + v * folded);
+    }
+    Split sens = make_maps(nx, ny, 1, coils);
+    // No signal in a band, so that some voxels have signal at one aliased position only.
+    for (int y = 10; y < 14; ++y)
+        for (int x = 0; x < nx; ++x) sens.re[x + nx * y] = 0.0f;
+
+    // Factors as the reconstruction computes them, for unfold per volume.
+    Eigen::VectorXi sensDims(4), foldedDims(4), fullDims(3), factorDims(4);
+    sensDims << nx, ny, 1, coils;
+    foldedDims << nx, fy, 1, coils;
+    fullDims << nx, ny, 1;
+    const Eigen::Vector3f R(1.0f, float(ny) / float(fy), 1.0f);
+    factorDims << nx, int(ceilf(ny / R[1])), 1, int(ceilf(R[1])) * coils;
+    Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(factorDims.prod());
+    float yc[2] = {-1.0f, -1.0f}, zc[2] = {-1.0f, -1.0f};
+    get_combination_factors(sens.re.data(), sens.im.data(), sensDims,
+                            Eigen::MatrixXcd::Identity(coils, coils), R, 0.0, Eigen::VectorXf(),
+                            factors, foldedDims, fullDims, yc, zc);
+
+    // Output rows per volume (25: overlapping by 5 rows), and the extent of dimension 9.
+    for (const auto& [outY, outK] : {std::pair{ny, K}, {ny - 5, K}, {ny, 1}}) {
+        const std::vector<int> outDims = {nx, outY, 1, 1, J, 1, 1, 1, outK};
+        const size_t stride = static_cast<size_t>(nx) * outY;
+        // Room for the last volume's writes also where the volumes overlap.
+        const size_t room = stride * J * outK + static_cast<size_t>(nx) * ny;
+        std::vector<float> re(room, 7.0f), im(room, -7.0f);
+        std::vector<float> expectRe = re, expectIm = im;
+        int expectStatus = 1;
+        for (int j = 0; j < J && expectStatus == 1; ++j)
+            for (int k = 0; k < K; ++k) {
+                const int v = j + J * k;
+                if (v >= J * outK) {
+                    expectStatus = -1;
+                    break;
+                }
+                unfold(data.re.data() + v * folded, data.im.data() + v * folded, foldedDims,
+                       factors, factorDims, sensDims, fullDims, yc, zc,
+                       expectRe.data() + v * stride, expectIm.data() + v * stride);
+            }
+        const int eye[] = {coils, coils};
+        const int status = MR_sense_recon(
+            data.re.data(), data.im.data(), 9, data.dims.data(), sens.re.data(), sens.im.data(), 4,
+            sens.dims.data(), nullptr, nullptr, 2, eye, full.data(), nullptr, nullptr, 0, nullptr,
+            nullptr, nullptr, 0, nullptr, 1.0, re.data(), im.data(), outDims.data());
+        EXPECT_EQ(status, expectStatus) << outY << " " << outK;
+        EXPECT_TRUE(same_bits(re, expectRe)) << outY << " " << outK;
+        EXPECT_TRUE(same_bits(im, expectIm)) << outY << " " << outK;
+    }
+}
