@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/unfold_volumes.hpp"
 
@@ -68,8 +69,12 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
     factorDims << sd13[0], static_cast<int>(ceilf(static_cast<float>(sd13[1]) / R[1])),
         static_cast<int>(ceilf(static_cast<float>(sd13[2]) / R[2])),
         static_cast<int>(ceilf(R[1])) * static_cast<int>(ceilf(R[2])) * sd13[3];
-    // Zeroed: the factor interpolation can reach entries no voxel of the current set wrote.
-    Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(factorDims.prod());
+    // Zeroed: the factor interpolation can reach entries no voxel of the current set wrote. By
+    // all threads, each its own block.
+    Eigen::VectorXcd factors(factorDims.prod());
+    mrkit::parallel_blocks(static_cast<int>(factors.size()), [&](int begin, int end) {
+        if (begin < end) factors.segment(begin, end - begin).setZero();
+    });
 
     const Eigen::VectorXi fd7 = view7(fd13, fd13), od7 = view7(od13, fd13);
     Eigen::VectorXi foldedDims4 = fd13.head(4);
