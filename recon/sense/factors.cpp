@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include <emmintrin.h>
 #include <xmmintrin.h>
 
 #include "recon/parallel.hpp"
@@ -221,21 +222,31 @@ class Worker {
         for (int c = 0; c < p_.coils; ++c)
             for (int part = 0; part < 2; ++part) {
                 const float* in = (part ? p_.sensIm : p_.sensRe) + c * N + b0;
-                float* to = map(j, c, part) - x0;
-                int x = x0;
-                for (; x + 4 <= x1; x += 4) {
-                    __m128 sum = _mm_mul_ps(_mm_loadu_ps(in + x + offset[0]), _mm_set1_ps(w[0]));
-                    for (int k = 1; k < corners; ++k)
-                        sum = _mm_add_ps(
-                            sum, _mm_mul_ps(_mm_loadu_ps(in + x + offset[k]), _mm_set1_ps(w[k])));
-                    _mm_storeu_ps(to + x, sum);
-                }
-                for (; x < x1; ++x) {
-                    float sum = in[x + offset[0]] * w[0];
-                    for (int k = 1; k < corners; ++k) sum += in[x + offset[k]] * w[k];
-                    to[x] = sum;
-                }
+                if (corners == 4)
+                    interpolate_run<4>(in, offset, w, x0, x1, map(j, c, part) - x0);
+                else
+                    interpolate_run<8>(in, offset, w, x0, x1, map(j, c, part) - x0);
             }
+    }
+
+    // to[x] = sum over the corners of in[x + offset[k]] * w[k], in corner order, for x0 .. x1 - 1.
+    template <int Corners>
+    static void interpolate_run(const float* in, const int* offset, const float* w, int x0, int x1,
+                                float* to) {
+        __m128 weight[Corners];
+        for (int k = 0; k < Corners; ++k) weight[k] = _mm_set1_ps(w[k]);
+        int x = x0;
+        for (; x + 4 <= x1; x += 4) {
+            __m128 sum = _mm_mul_ps(_mm_loadu_ps(in + x + offset[0]), weight[0]);
+            for (int k = 1; k < Corners; ++k)
+                sum = _mm_add_ps(sum, _mm_mul_ps(_mm_loadu_ps(in + x + offset[k]), weight[k]));
+            _mm_storeu_ps(to + x, sum);
+        }
+        for (; x < x1; ++x) {
+            float sum = in[x + offset[0]] * w[0];
+            for (int k = 1; k < Corners; ++k) sum += in[x + offset[k]] * w[k];
+            to[x] = sum;
+        }
     }
 
     // Products and inverse for one count K of valid positions, kept per K so that voxels
@@ -395,11 +406,16 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
                     const int blocks = yLines[yf].count * zLines[zf].count * coils;
                     std::complex<double>* out =
                         factors.data() + x0 + static_cast<size_t>(nx) * (yf + nYf * zf);
+                    // Streamed past the caches: the factor vector is much larger than they are
+                    // and is read again only after all of it is written.
                     for (int b = 0; b < blocks; ++b)
                         for (int x = x0; x < x1; ++x)
-                            out[b * V + (x - x0)] = line[(x - x0) * perVoxel + b];
+                            _mm_stream_pd(reinterpret_cast<double*>(out + b * V + (x - x0)),
+                                          _mm_loadu_pd(reinterpret_cast<const double*>(
+                                              line.data() + (x - x0) * perVoxel + b)));
                 }
         }
+        _mm_sfence();  // the streamed stores visible before the region's closing barrier
     });
 
     if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);
