@@ -17,7 +17,6 @@ struct Corners {
     int offset[8] = {};
     Weight weight[8] = {};
 
-    Corners() = default;
     // Corner b and fractions t1 (+1), t2 (+nx), t3 (+plane); corners at index N or beyond drop
     // out, tested from the highest flat index down without renormalising.
     Corners(int b, int nx, int plane, int N, Weight t1, Weight t2, Weight t3) {

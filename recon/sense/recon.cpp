@@ -128,8 +128,7 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
         // One pass over the folded voxels serves all volumes when no two of them write the same
         // output sample; otherwise one after the other, so that the later volume's values stay.
         // Skipped voxels (-1) still count as success.
-        if (volumes.empty()) {
-        } else if (volumes.size() == 1 || volumeStride >= fullVolume) {
+        if (volumes.size() <= 1 || volumeStride >= fullVolume) {
             mrkit::sense::unfold_volumes(volumes, foldedDims4, factors, factorDims, full3,
                                          yCompartments, zCompartments);
         } else {

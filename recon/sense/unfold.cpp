@@ -129,6 +129,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                    const Eigen::VectorXcd& factors, const Eigen::VectorXi& factorDims,
                    const Eigen::VectorXi& fullDims, const float* yCompartments,
                    const float* zCompartments) {
+    if (volumes.empty()) return 1;
     const int fd0 = foldedDims[0], fd1 = foldedDims[1], fd2 = foldedDims[2], fd3 = foldedDims[3];
     const int N0 = fullDims[0], N1 = fullDims[1], N2 = fullDims[2];
     const int F0 = factorDims[0], F1 = factorDims[1], F2 = factorDims[2];
