@@ -1,18 +1,19 @@
 // Reading the combination factors around folded voxels. The factor blocks (one per coil and
-// aliased position) lie a multiple of 4 KiB apart in the factor vector, so reading one entry of
-// each in turn keeps evicting the first-level cache. Instead a few rows of the factor grid are
-// kept with the blocks of each grid voxel side by side, and a voxel's factors are interpolated
-// from them as runs: per block the same corners, weights and order of sums as
-// MR_linear_interpolation.
+// aliased position) lie a whole factor grid apart in the factor vector, often a multiple of
+// 4 KiB, so reading one entry of each in turn keeps evicting the first-level cache. Instead a few
+// rows of the factor grid are kept with the blocks of each grid voxel side by side, and a voxel's
+// factors are interpolated from them as runs: per block the same corners, weights and order of sums
+// as MR_linear_interpolation.
 #pragma once
-
-#include <emmintrin.h>
 
 #include <algorithm>
 #include <complex>
 #include <vector>
 
-#if defined(__x86_64__) && defined(__GNUC__)
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+#if defined(__SSE2__) && defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
 #define MRKIT_AVX2 1
 #endif
@@ -47,8 +48,6 @@ class FactorRows {
           filled_(rows, 0),
           used_(rows, 0),
           data_(static_cast<size_t>(rows) * width * blocks) {}
-
-    int blocks() const { return blocks_; }
 
     // Voxel q = 0 of flat row `row`, with at least blocks 0 .. needed - 1 filled. Entries whose
     // flat index reaches the end of a block are never read (those corners drop out) and are
@@ -86,9 +85,15 @@ class FactorRows {
                 const double* in =
                     reinterpret_cast<const double*>(factors_ + static_cast<size_t>(k) * V_ + start);
                 double* entry = reinterpret_cast<double*>(out + k);
-                for (int q = q0; q < q1; ++q)
+                for (int q = q0; q < q1; ++q) {
+#if defined(__SSE2__)
                     _mm_storeu_pd(entry + 2 * static_cast<size_t>(q) * blocks_,
                                   _mm_loadu_pd(in + 2 * q));
+#else
+                    entry[2 * static_cast<size_t>(q) * blocks_] = in[2 * q];
+                    entry[2 * static_cast<size_t>(q) * blocks_ + 1] = in[2 * q + 1];
+#endif
+                }
             }
         }
     }
@@ -116,6 +121,11 @@ struct CornerRuns {
 
     // Entry e: the corners' entries times their weights, summed in corner order, narrowed.
     cf at(int e) const {
+#if !defined(__SSE2__)
+        cd sum = corner(0)[e] * weight[0];
+        for (int k = 1; k < Corners; ++k) sum += corner(k)[e] * weight[k];
+        return cf(static_cast<float>(sum.real()), static_cast<float>(sum.imag()));
+#else
         __m128d sum = _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(corner(0) + e)),
                                  _mm_set1_pd(weight[0]));
         for (int k = 1; k < Corners; ++k)
@@ -125,6 +135,7 @@ struct CornerRuns {
         alignas(16) double out[2];
         _mm_store_pd(out, sum);
         return cf(static_cast<float>(out[0]), static_cast<float>(out[1]));
+#endif
     }
 
     // Entries 0 .. count - 1 into out[0 .. count - 1].

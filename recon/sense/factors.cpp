@@ -8,9 +8,9 @@
 #include <memory>
 #include <utility>
 #include <vector>
-
+#if defined(__SSE2__)
 #include <emmintrin.h>
-#include <xmmintrin.h>
+#endif
 
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
@@ -194,7 +194,8 @@ class Worker {
         const int b0 = nx * ty + plane * tz;  // corner 0 of x = 0
         const float t2 = q.cy - static_cast<float>(ty), t3 = q.cz - static_cast<float>(tz);
         const int last = b0 + x1 - 1;
-        const int corners = last + nx + 1 + plane < N                   ? 8
+        const int corners = x1 > (1 << 24)                              ? 0  // x not exact as float
+                            : last + nx + 1 + plane < N                 ? 8
                             : b0 + x0 + plane >= N && last + nx + 1 < N ? 4
                                                                         : 0;
         if (corners == 0) {
@@ -233,15 +234,17 @@ class Worker {
     template <int Corners>
     static void interpolate_run(const float* in, const int* offset, const float* w, int x0, int x1,
                                 float* to) {
+        int x = x0;
+#if defined(__SSE2__)
         __m128 weight[Corners];
         for (int k = 0; k < Corners; ++k) weight[k] = _mm_set1_ps(w[k]);
-        int x = x0;
         for (; x + 4 <= x1; x += 4) {
             __m128 sum = _mm_mul_ps(_mm_loadu_ps(in + x + offset[0]), weight[0]);
             for (int k = 1; k < Corners; ++k)
                 sum = _mm_add_ps(sum, _mm_mul_ps(_mm_loadu_ps(in + x + offset[k]), weight[k]));
             _mm_storeu_ps(to + x, sum);
         }
+#endif
         for (; x < x1; ++x) {
             float sum = in[x + offset[0]] * w[0];
             for (int k = 1; k < Corners; ++k) sum += in[x + offset[k]] * w[k];
@@ -392,7 +395,8 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
         // along rows; each column of the tile keeps its own validity flags.
         std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
         // The tile's factors of one (yf, zf) line, voxel by voxel, then written block by block:
-        // the blocks lie a multiple of 4 KiB apart, too many to write to at once.
+        // the blocks lie a whole factor grid apart (often a multiple of 4 KiB), too many to write
+        // to at once.
         const size_t perVoxel = static_cast<size_t>(slots) * coils;
         std::vector<std::complex<double>> line(kTile * perVoxel);
         const size_t V = static_cast<size_t>(nx) * nYf * nZf;
@@ -409,13 +413,21 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
                     // Streamed past the caches: the factor vector is much larger than they are
                     // and is read again only after all of it is written.
                     for (int b = 0; b < blocks; ++b)
-                        for (int x = x0; x < x1; ++x)
-                            _mm_stream_pd(reinterpret_cast<double*>(out + b * V + (x - x0)),
-                                          _mm_loadu_pd(reinterpret_cast<const double*>(
-                                              line.data() + (x - x0) * perVoxel + b)));
+                        for (int x = x0; x < x1; ++x) {
+                            std::complex<double>* to = out + b * V + (x - x0);
+                            const std::complex<double>& from = line[(x - x0) * perVoxel + b];
+#if defined(__SSE2__)
+                            _mm_stream_pd(reinterpret_cast<double*>(to),
+                                          _mm_loadu_pd(reinterpret_cast<const double*>(&from)));
+#else
+                            *to = from;
+#endif
+                        }
                 }
         }
+#if defined(__SSE2__)
         _mm_sfence();  // the streamed stores visible before the region's closing barrier
+#endif
     });
 
     if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);

@@ -344,7 +344,7 @@ using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
 inline bool is_identity(const Eigen::MatrixXcd& b) {
     for (Eigen::Index c = 0; c < b.cols(); ++c)
         for (Eigen::Index r = 0; r < b.rows(); ++r) {
-            const cd v = b(r, c), e = r == c ? cd(1) : cd(0);
+            const std::complex<double> v = b(r, c), e(r == c ? 1.0 : 0.0, 0.0);
             if (std::memcmp(&v, &e, sizeof v) != 0) return false;
         }
     return b.rows() == b.cols();

@@ -69,7 +69,7 @@ using mrkit::sense::cf;
 constexpr int kMaxSlots = 64;
 
 // One thread's scratch for a run of folded voxels along x (a chunk of one (y, z) row): which
-// aliased positions carry signal, where each voxel's corners start, and its factor matrix.
+// aliased positions carry signal, each voxel's factor matrix M, and the coil values.
 struct Chunk {
     static constexpr int kLength = 64;
     const int slots, coils;
@@ -96,14 +96,16 @@ struct Chunk {
 
 // Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
 inline void gather(const float* re, const float* im, int x0, int x1, cf* out) {
-    float* to = reinterpret_cast<float*>(out) - 2 * x0;
     int x = x0;
+#if defined(__SSE2__)
+    float* to = reinterpret_cast<float*>(out) - 2 * x0;
     if (im)
         for (; x + 4 <= x1; x += 4) {
             const __m128 r = _mm_loadu_ps(re + x), i = _mm_loadu_ps(im + x);
             _mm_storeu_ps(to + 2 * x, _mm_unpacklo_ps(r, i));
             _mm_storeu_ps(to + 2 * x + 4, _mm_unpackhi_ps(r, i));
         }
+#endif
     for (; x < x1; ++x) out[x - x0] = cf(re[x], im ? im[x] : 0.0f);
 }
 
