@@ -294,17 +294,21 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                                 continue;
                             }
 #ifdef MRKIT_AVX2_PAIRS
-                            // Two voxels of the same row count at once.
-                            if (avx2 && folded && i + 1 < ch.active && fd3 < 128 &&
-                                ch.valid[i] >= 2 && ch.valid[i + 1] == ch.valid[i]) {
-                                const int x2 = ch.x[i + 1];
+                            // Two voxels with as many positions with signal at once; a voxel
+                            // without such a neighbour goes through the same kernel paired with
+                            // itself, so that which voxels pair up (it depends on the threads'
+                            // blocks) cannot change the bits, not even of a NaN.
+                            if (avx2 && fd3 < 128 && ch.valid[i] >= 2) {
+                                const bool pair =
+                                    i + 1 < ch.active && ch.valid[i + 1] == ch.valid[i] &&
+                                    (folded || y * fd0 + ch.x[i + 1] + z * slab < foldedTotal);
+                                const int k = pair ? i + 1 : i;
                                 mrkit::small::matrix_vector_two_avx2(
-                                    ch.matrix(i), ch.ld[i], ch.matrix(i + 1), ch.ld[i + 1],
-                                    ch.valid[i], fd3, values + (x - x0), values + (x2 - x0),
-                                    Chunk::kLength, u.data(), u2.data());
+                                    ch.matrix(i), ch.ld[i], ch.matrix(k), ch.ld[k], ch.valid[i],
+                                    fd3, values + (x - x0), values + (ch.x[k] - x0), Chunk::kLength,
+                                    u.data(), u2.data());
                                 scatter(i, u.data());
-                                scatter(i + 1, u2.data());
-                                ++i;
+                                if (pair) scatter(++i, u2.data());
                                 continue;
                             }
 #endif
