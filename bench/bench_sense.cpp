@@ -1,8 +1,8 @@
 // SENSE speed on 256 x 256 images with 8 coils, folded along y by 2 and by 2.5 (256 onto 102):
-// the combination factors and the unfolding of one volume timed apart, then whole
-// reconstructions of 1 and 16 volumes sharing one sensitivity set. A memcpy of one folded
-// volume's bytes gives the scale: the run closes with memcpy / operation ratios. Rates are
-// folded voxels per second.
+// the combination factors, the unfolding of one volume and of 16 volumes sharing the factors
+// timed apart, then whole reconstructions of 1 and 16 volumes sharing one sensitivity set. A
+// memcpy of one folded volume's bytes gives the scale: the run closes with memcpy / operation
+// ratios. Rates are folded voxels per second.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -11,6 +11,7 @@
 
 #include "ratio_reporter.hpp"
 #include "recon/recon.hpp"
+#include "recon/sense/unfold_volumes.hpp"
 #include "support/sense_phantom.hpp"
 
 namespace {
@@ -69,6 +70,30 @@ void BM_UnfoldVolume(benchmark::State& state) {
     set_rate(state, double(kN) * s.folded);
 }
 
+// Unfolding of `volumes` volumes sharing one set of factors in one pass, as the reconstruction
+// does for the volumes of a sensitivity set; also reported as time per volume.
+void BM_UnfoldVolumes(benchmark::State& state) {
+    const int volumes = static_cast<int>(state.range(1));
+    Setup s(static_cast<int>(state.range(0)));
+    s.compute_factors();
+    const size_t in = s.data.size(), out = size_t(kN) * kN;
+    std::vector<float> re(in * volumes), im(in * volumes), outRe(out * volumes),
+        outIm(out * volumes);
+    std::vector<mrkit::sense::Volume> list;
+    for (int v = 0; v < volumes; ++v) {
+        std::copy(s.data.re.begin(), s.data.re.end(), re.begin() + v * in);
+        std::copy(s.data.im.begin(), s.data.im.end(), im.begin() + v * in);
+        list.push_back({re.data() + v * in, im.data() + v * in, outRe.data() + v * out,
+                        outIm.data() + v * out});
+    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(mrkit::sense::unfold_volumes(
+            list, s.foldedDims, s.factors, s.factorDims, s.fullDims, s.yc, s.zc));
+    set_rate(state, double(kN) * s.folded * volumes);
+    state.counters["s_per_volume"] = benchmark::Counter(
+        volumes, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
 // Whole reconstruction of `volumes` volumes along dimension 5, one sensitivity set.
 void BM_Recon(benchmark::State& state) {
     const int folded = static_cast<int>(state.range(0)), volumes = static_cast<int>(state.range(1));
@@ -99,6 +124,11 @@ void BM_MemcpyFoldedVolume(benchmark::State& state) {
 
 BENCHMARK(BM_Factors)->Arg(128)->Arg(102)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_UnfoldVolume)->Arg(128)->Arg(102)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_UnfoldVolumes)
+    ->Args({128, 16})
+    ->Args({102, 16})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_Recon)
     ->Args({128, 1})
     ->Args({102, 1})
@@ -116,6 +146,8 @@ int main(int argc, char** argv) {
         const double copy = reporter.median("BM_MemcpyFoldedVolume/" + folded + "/real_time");
         const std::string unfold = "BM_UnfoldVolume/" + folded + "/real_time";
         mrkit_bench::print_ratio(unfold + " vs memcpy", copy, reporter.median(unfold));
+        const std::string many = "BM_UnfoldVolumes/" + folded + "/16/real_time";
+        mrkit_bench::print_ratio(many + " vs memcpy", copy * 16, reporter.median(many));
         for (int volumes : {1, 16}) {
             const std::string recon =
                 "BM_Recon/" + folded + "/" + std::to_string(volumes) + "/real_time";

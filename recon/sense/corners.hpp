@@ -20,30 +20,34 @@ struct Corners {
     // Corner b and fractions t1 (+1), t2 (+nx), t3 (+plane); corners at index N or beyond drop
     // out, tested from the highest flat index down without renormalising.
     Corners(int b, int nx, int plane, int N, Weight t1, Weight t2, Weight t3) {
+        int readable = 0;
         if (b + nx + 1 + plane < N)
-            count = 8;
+            readable = 8;
         else if (b + nx + plane < N)
-            count = 7;
+            readable = 7;
         else if (b + 1 + plane < N)
-            count = 6;
+            readable = 6;
         else if (b + plane < N)
-            count = 5;
+            readable = 5;
         else if (b + nx + 1 < N)
-            count = 4;
+            readable = 4;
         else if (b + nx < N)
-            count = 3;
+            readable = 3;
         else if (b + 1 < N)
-            count = 2;
+            readable = 2;
         else if (b < N)
-            count = 1;
+            readable = 1;
         const Weight one = 1;
         const int offsets[8] = {0, 1, nx, nx + 1, plane, 1 + plane, nx + plane, nx + 1 + plane};
-        for (int c = 0; c < count; ++c) {
+        for (int c = 0; c < readable; ++c) {
+            // With one row per plane (+nx == +plane) corner b+nx+1 can pass the end while
+            // b+plane does not; it drops out like every corner past the end.
+            if (b + offsets[c] >= N) continue;
             const Weight w1 = (c & 1) ? t1 : one - t1;
             const Weight w2 = (c & 2) ? t2 : one - t2;
             const Weight w3 = (c & 4) ? t3 : one - t3;
-            offset[c] = b + offsets[c];
-            weight[c] = w1 * w2 * w3;
+            offset[count] = b + offsets[c];
+            weight[count++] = w1 * w2 * w3;
         }
     }
 
@@ -72,21 +76,24 @@ struct Corners {
     }
 
     // Complex samples with real weights: both parts are scaled and summed lane by lane, which is
-    // exactly what the complex-times-real operator and complex addition do.
+    // exactly what the complex-times-real operator and complex addition do. Fixed > 0 promises
+    // that many corners, so the loop unrolls.
+    template <int Fixed = 0>
     std::complex<double> apply(const std::complex<double>* data) const {
+        const int n = Fixed > 0 ? Fixed : count;
+        if (n == 0) return 0.0;
 #if defined(__SSE2__)
-        if (count == 0) return 0.0;
         const auto term = [&](int c) {
             return _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(data + offset[c])),
                               _mm_set1_pd(weight[c]));
         };
         __m128d sum = term(0);
-        for (int c = 1; c < count; ++c) sum = _mm_add_pd(sum, term(c));
+        for (int c = 1; c < n; ++c) sum = _mm_add_pd(sum, term(c));
         alignas(16) double out[2];
         _mm_store_pd(out, sum);
         return {out[0], out[1]};
 #else
-        return apply<std::complex<double> >([data](int q) { return data[q]; });
+        return sum<std::complex<double>, Fixed>([data](int q) { return data[q]; }, n);
 #endif
     }
 };

@@ -8,6 +8,9 @@
 #include <memory>
 #include <utility>
 #include <vector>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
@@ -27,6 +30,10 @@ void lu_inverse(const Eigen::PartialPivLU<Eigen::MatrixXcd>& lu, Eigen::MatrixXc
 
 // Aliased positions of one folded line along y or z, on the full grid and on the map grid.
 struct Line {
+    struct Position {
+        int index;     // in one coil's map
+        float cy, cz;  // map coordinates
+    };
     Eigen::VectorXi full;   // from MR_get_unfolded_positions
     Eigen::VectorXf coord;  // map coordinate of each, for interpolation
     std::vector<int> line;  // nearest map line of each
@@ -85,27 +92,75 @@ struct Problem {
 // One worker's scratch, reused for every voxel it solves.
 class Worker {
   public:
-    Worker(const Problem& p, int slots)
+    Worker(const Problem& p, int slots, int tile)
         : p_(p),
+          slots_(slots),
+          tile_(tile),
           prior_(slots),
           S_(p.coils, slots),
           D_(Eigen::MatrixXcd::Zero(slots, slots)),
-          solves_(slots + 1) {}
+          solves_(slots + 1),
+          maps_(static_cast<size_t>(slots) * p.coils * 2 * tile) {}
 
-    // Factors of folded voxel (x, yf, zf) with the aliased lines ys and zs; `valid` holds the
-    // flags of column x, which stay set once set.
-    void solve(int x, int yf, int zf, const Line& ys, const Line& zs, int* valid) {
-        const int K = collect(x, ys, zs, valid);
-        const int n = ys.count * zs.count;
-        const int base = x + p_.nx * (yf + p_.nYf * zf), V = p_.nx * p_.nYf * p_.nZf;
+    // Factors of the folded voxels x0 .. x1 - 1 (at most one tile) of one line, voxel x into
+    // out + (x - x0) * perVoxel as solve() writes them; `valid` holds the tile's flags, slots
+    // per column. All voxels of a line share their aliased positions, so each position's maps
+    // are interpolated for the whole run of x at once.
+    void solve_line(int x0, int x1, const Line& ys, const Line& zs, int* valid,
+                    std::complex<double>* out, size_t perVoxel) {
+        const int nx = p_.nx, ny = p_.ny, n = ys.count * zs.count;
+        // A position past the maps takes no slot (sizes the caller got wrong): voxel by voxel.
+        for (int iy = 0; iy < ys.count; ++iy)
+            for (int iz = 0; iz < zs.count; ++iz)
+                if (x1 - 1 + nx * (ys.line[iy] + ny * zs.line[iz]) >= p_.nTot) {
+                    for (int x = x0; x < x1; ++x)
+                        solve(x, ys, zs, valid + (x - x0) * slots_, out + (x - x0) * perVoxel);
+                    return;
+                }
+        // Only coil 0's real map decides, and only where an imaginary map exists.
+        if (p_.sensIm)
+            for (int x = x0; x < x1; ++x)
+                for (int j = 0; j < n; ++j) {
+                    const Line::Position q = position(x, ys, zs, j);
+                    if (p_.sensRe[q.index] != 0.0f) valid[(x - x0) * slots_ + j] = 1;
+                }
+        for (int j = 0; j < n; ++j) {
+            bool used = false;
+            for (int x = x0; x < x1; ++x) used = used || valid[(x - x0) * slots_ + j];
+            if (used) interpolate_position(x0, x1, ys, zs, j);
+        }
+        for (int x = x0; x < x1; ++x) {
+            const int* flags = valid + (x - x0) * slots_;
+            int K = 0;
+            for (int j = 0; j < n; ++j) {
+                if (!flags[j]) continue;
+                if (p_.lambda != 0.0) {
+                    const int i = position(x, ys, zs, j).index;
+                    prior_[K] = i < p_.regImage.size() ? static_cast<double>(p_.regImage[i]) : 0.0;
+                }
+                for (int c = 0; c < p_.coils; ++c)
+                    S_(c, K) = std::complex<double>(map(j, c, 0)[x - x0], map(j, c, 1)[x - x0]);
+                ++K;
+            }
+            store(K, n, flags, out + (x - x0) * perVoxel);
+        }
+    }
+
+    // Factors of folded voxel x of a line with the aliased lines ys and zs, into out[s + c * n]
+    // (n = ys.count * zs.count); `valid` holds the flags of column x, which stay set once set.
+    void solve(int x, const Line& ys, const Line& zs, int* valid, std::complex<double>* out) {
+        store(collect(x, ys, zs, valid), ys.count * zs.count, valid, out);
+    }
+
+  private:
+    // Solves for the first K columns of S and stores U packed by the voxel's own slot count n.
+    // Flags left set by earlier voxels past the slots visited here have no row and store 0.
+    void store(int K, int n, const int* valid, std::complex<double>* out) {
         if (K == 0) {
-            for (int c = 0; c < p_.coils; ++c)
-                for (int s = 0; s < n; ++s) p_.factors[base + V * (s + c * n)] = 0.0;
+            std::fill(out, out + static_cast<size_t>(n) * p_.coils, 0.0);
             return;
         }
         const Eigen::MatrixXcd& U = weights(K);
-        // Packed by this voxel's own slot count n. Flags left set by earlier voxels past the
-        // slots visited here have no row and store 0.
         for (int c = 0; c < p_.coils; ++c) {
             int row = 0;
             for (int s = 0; s < n; ++s) {
@@ -114,12 +169,89 @@ class Worker {
                     if (row < K) value = U(row, c);
                     ++row;
                 }
-                p_.factors[base + V * (s + c * n)] = value;
+                out[s + c * n] = value;
             }
         }
     }
 
-  private:
+    // Aliased position j (y outer, z inner) of voxel x: map index and map coordinates.
+    Line::Position position(int x, const Line& ys, const Line& zs, int j) const {
+        const int iy = j / zs.count, iz = j % zs.count;
+        return {x + p_.nx * (ys.line[iy] + p_.ny * zs.line[iz]), ys.coord[iy], zs.coord[iz]};
+    }
+
+    float* map(int j, int c, int part) {
+        return maps_.data() + ((static_cast<size_t>(j) * p_.coils + c) * 2 + part) * tile_;
+    }
+
+    // Every coil's maps at (x, cy, cz) of position j for x = x0 .. x1 - 1, into map(j, c, part).
+    // The weights do not depend on x (an integer); where all x read the same corners of one
+    // or two planes, four x go at once with the same float products and sums per lane.
+    void interpolate_position(int x0, int x1, const Line& ys, const Line& zs, int j) {
+        const int nx = p_.nx, plane = p_.nx * p_.ny, N = p_.nVox;
+        const Line::Position q = position(0, ys, zs, j);
+        const int ty = static_cast<int>(q.cy), tz = static_cast<int>(q.cz);
+        const int b0 = nx * ty + plane * tz;  // corner 0 of x = 0
+        const float t2 = q.cy - static_cast<float>(ty), t3 = q.cz - static_cast<float>(tz);
+        const int last = b0 + x1 - 1;
+        const int corners = x1 > (1 << 24)                              ? 0  // x not exact as float
+                            : last + nx + 1 + plane < N                 ? 8
+                            : b0 + x0 + plane >= N && last + nx + 1 < N ? 4
+                                                                        : 0;
+        if (corners == 0) {
+            for (int x = x0; x < x1; ++x) {
+                const float fx = static_cast<float>(x);
+                const int tx = static_cast<int>(fx);
+                const mrkit::Corners<float> at(b0 + tx, nx, plane, N, fx - static_cast<float>(tx),
+                                               t2, t3);
+                for (int c = 0; c < p_.coils; ++c)
+                    for (int part = 0; part < 2; ++part) {
+                        const float* in = (part ? p_.sensIm : p_.sensRe) + c * N;
+                        map(j, c, part)[x - x0] = at.apply<float>([in](int i) { return in[i]; });
+                    }
+            }
+            return;
+        }
+        // Weight of corner k: (x weight * y weight) * z weight, the x fraction being 0.
+        const float wx[2] = {1.0f - 0.0f, 0.0f}, wy[2] = {1.0f - t2, t2}, wz[2] = {1.0f - t3, t3};
+        float w[8];
+        int offset[8];
+        for (int k = 0; k < corners; ++k) {
+            w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
+            offset[k] = (k & 1) + (k & 2 ? nx : 0) + (k & 4 ? plane : 0);
+        }
+        for (int c = 0; c < p_.coils; ++c)
+            for (int part = 0; part < 2; ++part) {
+                const float* in = (part ? p_.sensIm : p_.sensRe) + c * N + b0;
+                if (corners == 4)
+                    interpolate_run<4>(in, offset, w, x0, x1, map(j, c, part) - x0);
+                else
+                    interpolate_run<8>(in, offset, w, x0, x1, map(j, c, part) - x0);
+            }
+    }
+
+    // to[x] = sum over the corners of in[x + offset[k]] * w[k], in corner order, for x0 .. x1 - 1.
+    template <int Corners>
+    static void interpolate_run(const float* in, const int* offset, const float* w, int x0, int x1,
+                                float* to) {
+        int x = x0;
+#if defined(__SSE2__)
+        __m128 weight[Corners];
+        for (int k = 0; k < Corners; ++k) weight[k] = _mm_set1_ps(w[k]);
+        for (; x + 4 <= x1; x += 4) {
+            __m128 sum = _mm_mul_ps(_mm_loadu_ps(in + x + offset[0]), weight[0]);
+            for (int k = 1; k < Corners; ++k)
+                sum = _mm_add_ps(sum, _mm_mul_ps(_mm_loadu_ps(in + x + offset[k]), weight[k]));
+            _mm_storeu_ps(to + x, sum);
+        }
+#endif
+        for (; x < x1; ++x) {
+            float sum = in[x + offset[0]] * w[0];
+            for (int k = 1; k < Corners; ++k) sum += in[x + offset[k]] * w[k];
+            to[x] = sum;
+        }
+    }
+
     // Products and inverse for one count K of valid positions, kept per K so that voxels
     // alternating between counts (non-integer factors) never reallocate.
     struct Solve {
@@ -198,9 +330,11 @@ class Worker {
     }
 
     const Problem& p_;
+    const int slots_, tile_;
     std::vector<double> prior_;
     Eigen::MatrixXcd S_, D_;
     std::vector<std::unique_ptr<Solve>> solves_;
+    std::vector<float> maps_;  // per slot, coil and part: the maps along the tile's x
 };
 
 }  // namespace
@@ -255,20 +389,45 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
                           coils,  lambda, regImage, psiInv, psiIdentity, factors, status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;
-        Worker worker(problem, slots);
+        constexpr int kTile = 32;
+        Worker worker(problem, slots, kTile);
         // Columns go a tile at a time with x innermost, so maps are read and factors written
         // along rows; each column of the tile keeps its own validity flags.
-        constexpr int kTile = 32;
         std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
+        // The tile's factors of one (yf, zf) line, voxel by voxel, then written block by block:
+        // the blocks lie a whole factor grid apart (often a multiple of 4 KiB), too many to write
+        // to at once.
+        const size_t perVoxel = static_cast<size_t>(slots) * coils;
+        std::vector<std::complex<double>> line(kTile * perVoxel);
+        const size_t V = static_cast<size_t>(nx) * nYf * nZf;
         for (int x0 = begin; x0 < end; x0 += kTile) {
             const int x1 = std::min(end, x0 + kTile);
             std::fill(validFlags.begin(), validFlags.end(), 0);
             for (int yf = 0; yf < nYf; ++yf)
-                for (int zf = 0; zf < nZf; ++zf)
-                    for (int x = x0; x < x1; ++x)
-                        worker.solve(x, yf, zf, yLines[yf], zLines[zf],
-                                     validFlags.data() + static_cast<size_t>(x - x0) * slots);
+                for (int zf = 0; zf < nZf; ++zf) {
+                    worker.solve_line(x0, x1, yLines[yf], zLines[zf], validFlags.data(),
+                                      line.data(), perVoxel);
+                    const int blocks = yLines[yf].count * zLines[zf].count * coils;
+                    std::complex<double>* out =
+                        factors.data() + x0 + static_cast<size_t>(nx) * (yf + nYf * zf);
+                    // Streamed past the caches: the factor vector is much larger than they are
+                    // and is read again only after all of it is written.
+                    for (int b = 0; b < blocks; ++b)
+                        for (int x = x0; x < x1; ++x) {
+                            std::complex<double>* to = out + b * V + (x - x0);
+                            const std::complex<double>& from = line[(x - x0) * perVoxel + b];
+#if defined(__SSE2__)
+                            _mm_stream_pd(reinterpret_cast<double*>(to),
+                                          _mm_loadu_pd(reinterpret_cast<const double*>(&from)));
+#else
+                            *to = from;
+#endif
+                        }
+                }
         }
+#if defined(__SSE2__)
+        _mm_sfence();  // the streamed stores visible before the region's closing barrier
+#endif
     });
 
     if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);

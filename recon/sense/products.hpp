@@ -6,6 +6,7 @@
 #pragma once
 
 #include <Eigen/Dense>
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstring>
@@ -21,6 +22,7 @@
 namespace mrkit::small {
 
 using cd = std::complex<double>;
+using cf = std::complex<float>;
 using Packet = Eigen::internal::Packet1cd;
 static_assert(std::is_same<Eigen::internal::packet_traits<cd>::type, Packet>::value,
               "one complex<double> per packet expected");
@@ -83,8 +85,9 @@ inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
         for (Eigen::Index r = 0; r < k; ++r) {
             Packet s = pset1<Packet>(cd(0));
             for (Eigen::Index i = 0; i < m; ++i) {
-                const cd bi = adjointB ? std::conj(b[c + i * ldb]) : b[i + c * ldb];
-                s = padd(pmul(load(a + r + i * lda), pset1<Packet>(bi)), s);
+                // conj flips the sign of the imaginary part, as pconj does in the register.
+                const Packet bi = adjointB ? pconj(load(b + c + i * ldb)) : load(b + i + c * ldb);
+                s = padd(pmul(load(a + r + i * lda), bi), s);
             }
             if (add) s = padd(s, load(add + r + c * ldadd));
             store(dst + r + c * ldd, s);
@@ -126,19 +129,26 @@ void with_inner(Eigen::Index m, F&& f) {
 // zero signed negative exactly when the real part of a is and the imaginary part is not.
 inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m, Eigen::Index k,
                                    cd* dst, Eigen::Index ldd) {
+    // Lane by lane: v - v is 0 exactly for finite v; movemask gives the signs (bit 0 real).
+    const __m128d zero = _mm_setzero_pd(), conjugate = _mm_set_pd(-0.0, 0.0);
     for (Eigen::Index r = 0; r < k; ++r) {
-        const cd* ar = a + r * lda;
+        const double* ar = reinterpret_cast<const double*>(a + r * lda);
+        int finite = 3;
         bool reNegative = true, imNegative = true;
         for (Eigen::Index i = 0; i < m; ++i) {
-            const double x = ar[i].real(), y = ar[i].imag();
-            if (!std::isfinite(x) || !std::isfinite(y)) return false;
-            reNegative = reNegative && std::signbit(x) && std::signbit(y);
-            imNegative = imNegative && std::signbit(x) && !std::signbit(y);
+            const __m128d v = _mm_loadu_pd(ar + 2 * i);
+            finite &= _mm_movemask_pd(_mm_cmpeq_pd(_mm_sub_pd(v, v), zero));
+            const int sign = _mm_movemask_pd(v);
+            reNegative = reNegative && sign == 3;
+            imNegative = imNegative && sign == 1;
         }
-        const double reZero = reNegative ? -0.0 : 0.0, imZero = imNegative ? -0.0 : 0.0;
+        if (finite != 3) return false;
+        const __m128d zeros = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
         for (Eigen::Index c = 0; c < m; ++c) {
-            const double x = ar[c].real(), y = -ar[c].imag();
-            dst[r + c * ldd] = cd(x != 0.0 ? x : reZero, y != 0.0 ? y : imZero);
+            const __m128d v = _mm_xor_pd(_mm_loadu_pd(ar + 2 * c), conjugate);
+            const __m128d nonzero = _mm_cmpneq_pd(v, zero);
+            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd),
+                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, zeros)));
         }
     }
     return true;
@@ -147,11 +157,12 @@ inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m
 // times<false> for b = I: the sums start from +0, so a zero result is always +0.
 inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m, cd* dst,
                            Eigen::Index ldd) {
+    const __m128d zero = _mm_setzero_pd();
     for (Eigen::Index c = 0; c < m; ++c)
         for (Eigen::Index r = 0; r < k; ++r) {
-            const cd v = a[r + c * lda];
-            if (!std::isfinite(v.real()) || !std::isfinite(v.imag())) return false;
-            dst[r + c * ldd] = cd(v.real() + 0.0, v.imag() + 0.0);
+            const __m128d v = _mm_loadu_pd(reinterpret_cast<const double*>(a + r + c * lda));
+            if (_mm_movemask_pd(_mm_cmpeq_pd(_mm_sub_pd(v, v), zero)) != 3) return false;
+            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), _mm_add_pd(v, zero));
         }
     return true;
 }
@@ -217,6 +228,111 @@ inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd
     }
 }
 
+// u = M v for M rows x cols (column-major, leading dimension ld, rows >= 1) with complex<float>
+// entries, as Eigen 3.4's dense product computes it on SSE2 (two complex per packet): a single row
+// is Eigen's inner product (terms summed in order, then scaled by alpha = 1); otherwise the
+// matrix-vector kernel: rows in pairs, each column block accumulated as product + running sum and
+// added to the result as c * alpha + result, an odd last row in scalar arithmetic. The scalar steps
+// use Eigen's complex product formula for the terms and the complex operator for alpha, as Eigen
+// does.
+using Packet2 = Eigen::internal::Packet2cf;
+static_assert(std::is_same<Eigen::internal::packet_traits<cf>::type, Packet2>::value,
+              "two complex<float> per packet expected");
+
+inline void matrix_vector_sse2(const cf* M, Eigen::Index ld, Eigen::Index rows, Eigen::Index cols,
+                               const cf* v, Eigen::Index vstride, cf* u) {
+    using namespace Eigen::internal;
+    const cf alpha(1.0f, 0.0f);
+    if (rows == 1) {
+        cf sum = pmul(M[0], v[0]);
+        for (Eigen::Index j = 1; j < cols; ++j) sum = sum + pmul(M[j * ld], v[j * vstride]);
+        u[0] = cf(0.0f);
+        u[0] += alpha * sum;
+        return;
+    }
+    // The result starts at zero; the first column block adds to that zero.
+    const Eigen::Index block = cols < 128 ? cols : (ld * Eigen::Index(sizeof(cf)) < 32000 ? 16 : 4);
+    const Packet2 palpha = pset1<Packet2>(alpha), zero = pset1<Packet2>(cf(0.0f));
+    for (Eigen::Index j2 = 0; j2 < cols; j2 += block) {
+        const Eigen::Index jend = std::min(j2 + block, cols);
+        Eigen::Index i = 0;
+        for (; i + 1 < rows; i += 2) {
+            Packet2 c = zero;
+            for (Eigen::Index j = j2; j < jend; ++j)
+                c = padd(pmul(ploadu<Packet2>(M + i + j * ld), pset1<Packet2>(v[j * vstride])), c);
+            pstoreu(u + i, padd(pmul(c, palpha), j2 == 0 ? zero : ploadu<Packet2>(u + i)));
+        }
+        if (i < rows) {
+            cf c(0.0f);
+            for (Eigen::Index j = j2; j < jend; ++j) c += pmul(M[i + j * ld], v[j * vstride]);
+            if (j2 == 0) u[i] = cf(0.0f);
+            u[i] += alpha * c;
+        }
+    }
+}
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#define MRKIT_AVX2_PAIRS 1
+}  // namespace mrkit::small
+#include <immintrin.h>
+namespace mrkit::small {
+// Eigen's complex product of two complex<float> per 128-bit lane, as in pmul<Packet2cf>.
+__attribute__((target("avx2"))) inline __m256 pmul_avx2(__m256 a, __m256 b) {
+    const __m256 sign = _mm256_castsi256_ps(_mm256_setr_epi32(
+        int(0x80000000), 0, int(0x80000000), 0, int(0x80000000), 0, int(0x80000000), 0));
+    return _mm256_add_ps(
+        _mm256_mul_ps(_mm256_moveldup_ps(a), b),
+        _mm256_xor_ps(_mm256_mul_ps(_mm256_movehdup_ps(a), _mm256_permute_ps(b, 0xB1)), sign));
+}
+
+// Two complex at a, then two at b.
+__attribute__((target("avx2"))) inline __m256 load_two(const cf* a, const cf* b) {
+    return _mm256_insertf128_ps(
+        _mm256_castps128_ps256(_mm_loadu_ps(reinterpret_cast<const float*>(a))),
+        _mm_loadu_ps(reinterpret_cast<const float*>(b)), 1);
+}
+
+// The complex at a twice, then the one at b twice.
+__attribute__((target("avx2"))) inline __m256 broadcast_two(const cf* a, const cf* b) {
+    const __m128d x = _mm_load_sd(reinterpret_cast<const double*>(a));
+    const __m128d y = _mm_load_sd(reinterpret_cast<const double*>(b));
+    return _mm256_castpd_ps(
+        _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_movedup_pd(x)), _mm_movedup_pd(y), 1));
+}
+
+// matrix_vector_sse2 for two matrices of the same shape (cols < 128) and their vectors at once:
+// the row pairs of both in one 256-bit register, lane by lane the same products and sums (the
+// same swizzles, no fused multiply-add), so that the two running sums advance side by side.
+__attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
+    const cf* Ma, Eigen::Index lda, const cf* Mb, Eigen::Index ldb, Eigen::Index rows,
+    Eigen::Index cols, const cf* va, const cf* vb, Eigen::Index vstride, cf* ua, cf* ub) {
+    const __m256 alpha = _mm256_setr_ps(1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f);
+    Eigen::Index i = 0;
+    for (; i + 1 < rows; i += 2) {
+        __m256 c = _mm256_setzero_ps();
+        for (Eigen::Index j = 0; j < cols; ++j)
+            c = _mm256_add_ps(pmul_avx2(load_two(Ma + i + j * lda, Mb + i + j * ldb),
+                                        broadcast_two(va + j * vstride, vb + j * vstride)),
+                              c);
+        const __m256 u = _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps());
+        _mm_storeu_ps(reinterpret_cast<float*>(ua + i), _mm256_castps256_ps128(u));
+        _mm_storeu_ps(reinterpret_cast<float*>(ub + i), _mm256_extractf128_ps(u, 1));
+    }
+    if (i < rows) {  // the scalar last row, as matrix_vector_sse2 does it
+        const cf one(1.0f, 0.0f);
+        cf a(0.0f), b(0.0f);
+        for (Eigen::Index j = 0; j < cols; ++j) {
+            a += Eigen::internal::pmul(Ma[i + j * lda], va[j * vstride]);
+            b += Eigen::internal::pmul(Mb[i + j * ldb], vb[j * vstride]);
+        }
+        ua[i] = cf(0.0f);
+        ua[i] += one * a;
+        ub[i] = cf(0.0f);
+        ub[i] += one * b;
+    }
+}
+#endif
+
 }  // namespace mrkit::small
 #endif
 
@@ -228,7 +344,7 @@ using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
 inline bool is_identity(const Eigen::MatrixXcd& b) {
     for (Eigen::Index c = 0; c < b.cols(); ++c)
         for (Eigen::Index r = 0; r < b.rows(); ++r) {
-            const cd v = b(r, c), e = r == c ? cd(1) : cd(0);
+            const std::complex<double> v = b(r, c), e(r == c ? 1.0 : 0.0, 0.0);
             if (std::memcmp(&v, &e, sizeof v) != 0) return false;
         }
     return b.rows() == b.cols();
@@ -288,6 +404,22 @@ inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
                            b.rows(), dst.data(), dst.rows());
 #endif
     dst.noalias() = a * b.adjoint();
+}
+
+// u = M v, M rows x cols (rows >= 1) with leading dimension ld, entry j of v at v[j * vstride]:
+// the unfolding's coil product.
+inline void matrix_vector(const std::complex<float>* M, Eigen::Index ld, Eigen::Index rows,
+                          Eigen::Index cols, const std::complex<float>* v, Eigen::Index vstride,
+                          std::complex<float>* u) {
+#ifdef MRKIT_SMALL_PRODUCTS
+    matrix_vector_sse2(M, ld, rows, cols, v, vstride, u);
+#else
+    using Matrix = Eigen::Map<const Eigen::MatrixXcf, 0, Eigen::OuterStride<> >;
+    using Vector = Eigen::Map<const Eigen::VectorXcf, 0, Eigen::InnerStride<> >;
+    Eigen::Map<Eigen::VectorXcf>(u, rows).noalias() =
+        Matrix(M, rows, cols, Eigen::OuterStride<>(ld)) *
+        Vector(v, cols, Eigen::InnerStride<>(vstride));
+#endif
 }
 
 }  // namespace mrkit::small

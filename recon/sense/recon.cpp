@@ -1,8 +1,12 @@
 // SENSE reconstruction over all higher dimensions: the combination factors are computed once
 // per sensitivity set (folded dimension 8) and applied to every folded volume of that set.
 #include <cmath>
+#include <cstdint>
+#include <vector>
 
+#include "recon/parallel.hpp"
 #include "recon/recon.hpp"
+#include "recon/sense/unfold_volumes.hpp"
 
 namespace {
 
@@ -65,8 +69,12 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
     factorDims << sd13[0], static_cast<int>(ceilf(static_cast<float>(sd13[1]) / R[1])),
         static_cast<int>(ceilf(static_cast<float>(sd13[2]) / R[2])),
         static_cast<int>(ceilf(R[1])) * static_cast<int>(ceilf(R[2])) * sd13[3];
-    // Zeroed: the factor interpolation can reach entries no voxel of the current set wrote.
-    Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(factorDims.prod());
+    // Zeroed: the factor interpolation can reach entries no voxel of the current set wrote. By
+    // all threads, each its own block.
+    Eigen::VectorXcd factors(factorDims.prod());
+    mrkit::parallel_blocks(static_cast<int>(factors.size()), [&](int begin, int end) {
+        if (begin < end) factors.segment(begin, end - begin).setZero();
+    });
 
     const Eigen::VectorXi fd7 = view7(fd13, fd13), od7 = view7(od13, fd13);
     Eigen::VectorXi foldedDims4 = fd13.head(4);
@@ -81,6 +89,9 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
     const int sensBlock = sd13[0] * sd13[1] * sd13[2] * sd13[3];
     const int outer = fd7[4], inner = fd7[6];
     const int foldedTotal = fd13.prod(), outTotal = od13.prod();
+    // Output volumes lie volumeStride apart; each unfolding writes within fullVolume samples.
+    const int64_t volumeStride = static_cast<int64_t>(od13[0]) * od13[1] * od13[2] * od13[3];
+    const int64_t fullVolume = static_cast<int64_t>(fullDims[0]) * fullDims[1] * fullDims[2];
     Eigen::VectorXi sub = Eigen::VectorXi::Zero(7);
     for (int l = 0; l < fd13[7]; ++l) {
         if (regularise) {
@@ -96,20 +107,36 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
                                     zCompartments) == 0)
             return -1;
 
-        for (int j = 0; j < outer; ++j) {
+        // The volumes of this set up to the first offset outside the arrays, which ends the
+        // reconstruction after those before it are unfolded.
+        std::vector<mrkit::sense::Volume> volumes;
+        bool outside = false;
+        for (int j = 0; j < outer && !outside; ++j) {
             for (int k = 0; k < inner; ++k) {
                 sub[4] = j;
                 sub[5] = l;
                 sub[6] = k;
                 const int fo = MR_sub2ind(fd7, sub), oo = MR_sub2ind(od7, sub);
-                if (oo >= outTotal || fo >= foldedTotal) return -1;
-                // Skipped voxels (-1) still count as success.
-                if (unfold(foldedRe + fo, foldedIm ? foldedIm + fo : nullptr, foldedDims4, factors,
-                           factorDims, sensDims4, full3, yCompartments, zCompartments, outRe + oo,
-                           outIm + oo) == 0)
-                    return -1;
+                if (oo >= outTotal || fo >= foldedTotal) {
+                    outside = true;
+                    break;
+                }
+                volumes.push_back(
+                    {foldedRe + fo, foldedIm ? foldedIm + fo : nullptr, outRe + oo, outIm + oo});
             }
         }
+        // One pass over the folded voxels serves all volumes when no two of them write the same
+        // output sample; otherwise one after the other, so that the later volume's values stay.
+        // Skipped voxels (-1) still count as success.
+        if (volumes.size() <= 1 || volumeStride >= fullVolume) {
+            mrkit::sense::unfold_volumes(volumes, foldedDims4, factors, factorDims, full3,
+                                         yCompartments, zCompartments);
+        } else {
+            for (const mrkit::sense::Volume& v : volumes)
+                mrkit::sense::unfold_volumes({v}, foldedDims4, factors, factorDims, full3,
+                                             yCompartments, zCompartments);
+        }
+        if (outside) return -1;
     }
     return 1;
 }

@@ -21,13 +21,14 @@ using Eigen::MatrixXcd;
 struct Values {
     std::mt19937 gen{2024};
     bool special = false;
+    unsigned odds = 2;  // a special value once in `odds` draws
     double next() {
         std::uniform_real_distribution<double> u(-1.0, 1.0);
         if (!special) return u(gen);
         constexpr double inf = std::numeric_limits<double>::infinity();
         constexpr double nan = std::numeric_limits<double>::quiet_NaN();
         const double pick[] = {0.0, -0.0, inf, -inf, nan, 1e300, -1e-310};
-        const unsigned r = gen() % 14;
+        const unsigned r = gen() % (7 * odds);
         return r < 7 ? pick[r] : u(gen);
     }
     MatrixXcd matrix(int rows, int cols) {
@@ -107,6 +108,56 @@ TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
         MatrixXcd scratch(k, k), got(k, k);
         mrkit::small::lu_inverse(A.data(), k, k, scratch.data(), got.data());
         ASSERT_TRUE(same_bits(expected, got)) << "k " << k << ", round " << round;
+    }
+}
+
+// The unfolding's coil product against the expression it replaces, u = M.topRows(rows) * v with
+// M allocated for more rows: one row (Eigen's inner product), odd row counts (a scalar last row),
+// more than 128 columns (blocks of columns), the vector's entries a stride apart; and two
+// products of one shape at once, where the processor has AVX2.
+TEST(SmallProducts, CoilProductBitIdenticalToEigen) {
+    using cf = std::complex<float>;
+    const auto same = [](const Eigen::VectorXcf& a, const Eigen::VectorXcf& b, int rows) {
+        const float* x = reinterpret_cast<const float*>(a.data());
+        const float* y = reinterpret_cast<const float*>(b.data());
+        for (int i = 0; i < 2 * rows; ++i)
+            if (!(std::isnan(x[i]) && std::isnan(y[i])) && std::memcmp(x + i, y + i, 4))
+                return ::testing::AssertionFailure()
+                       << "part " << i << ": " << x[i] << " vs " << y[i];
+        return ::testing::AssertionSuccess();
+    };
+    Values v;
+    for (int round = 0; round < 6000; ++round) {
+        // Special values also one in twenty, so that sums of many terms keep some finite.
+        v.special = round % 3 != 0;
+        v.odds = round % 3 == 1 ? 2 : 20;
+        const int rows = 1 + static_cast<int>(v.gen() % 9);
+        const int ld = rows + static_cast<int>(v.gen() % 3);
+        const int cols = round % 50 == 0 ? 120 + static_cast<int>(v.gen() % 90)
+                                         : 1 + static_cast<int>(v.gen() % 16);
+        const int stride = 1 + static_cast<int>(v.gen() % 3);
+        Eigen::MatrixXcf M[2], xs[2];
+        Eigen::VectorXcf expected[2], got[2];
+        for (int k = 0; k < 2; ++k) {
+            M[k] = v.matrix(ld, cols).cast<cf>();
+            xs[k] = v.matrix(stride, cols).cast<cf>();
+            const Eigen::VectorXcf x = xs[k].row(0).transpose();
+            expected[k].resize(ld);
+            got[k].resize(ld);
+            expected[k].head(rows).noalias() = M[k].topRows(rows) * x;
+        }
+        mrkit::small::matrix_vector(M[0].data(), ld, rows, cols, xs[0].data(), stride,
+                                    got[0].data());
+        ASSERT_TRUE(same(expected[0], got[0], rows)) << "rows " << rows << ", cols " << cols;
+#ifdef MRKIT_AVX2_PAIRS
+        if (rows < 2 || cols >= 128 || !__builtin_cpu_supports("avx2")) continue;
+        mrkit::small::matrix_vector_two_avx2(M[0].data(), ld, M[1].data(), ld, rows, cols,
+                                             xs[0].data(), xs[1].data(), stride, got[0].data(),
+                                             got[1].data());
+        for (int k = 0; k < 2; ++k)
+            ASSERT_TRUE(same(expected[k], got[k], rows))
+                << "pair " << k << ", rows " << rows << ", cols " << cols;
+#endif
     }
 }
 #endif

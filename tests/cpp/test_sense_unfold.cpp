@@ -6,6 +6,7 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "recon/recon.hpp"
@@ -115,32 +116,39 @@ TEST(Unfold, InterpolatesFactorsFromACoarserGrid) {
 
 // The factor and sensitivity reads set up the corners once per position and reuse them for
 // every block; the values must be those of the toolkit interpolation, to the bit, including
-// the dropped corners at the end of a block.
+// the dropped corners at the end of a block. With one row per plane the corner one row and one
+// column on can lie past the end while the one a plane on does not.
 TEST(Unfold, SharedCornersMatchTheToolkitInterpolation) {
-    const int nx = 5, ny = 4, nz = 3, N = nx * ny * nz;
-    Eigen::VectorXi dims(3);
-    dims << nx, ny, nz;
-    std::vector<float> grid(N);
-    Eigen::VectorXcd cgrid(2 * N);
-    for (int i = 0; i < N; ++i) grid[i] = std::sin(1.7f * i) * (i % 3 ? 1.f : -3.f);
-    for (int i = 0; i < 2 * N; ++i) cgrid[i] = cd(std::cos(0.9 * i), -std::sin(2.3 * i) * (i % 4));
-    for (float c3 : {0.f, 0.5f, 1.25f, 2.f, 2.75f})
-        for (float c2 : {0.f, 0.3f, 2.5f, 3.f, 3.9f})
-            for (float c1 : {0.f, 0.6f, 3.5f, 4.f, 4.99f}) {
-                const int ix = int(c1), iy = int(c2), iz = int(c3);
-                const int b = nx * iy + ix + nx * ny * iz;
-                const float t1 = c1 - float(ix), t2 = c2 - float(iy), t3 = c3 - float(iz);
-                const mrkit::Corners<float> f(b, nx, nx * ny, N, t1, t2, t3);
-                const float expect = MR_linear_interpolation(grid.data(), c2, c1, c3, dims);
-                const float got = f.apply<float>([&](int q) { return grid[q]; });
-                EXPECT_EQ(0, std::memcmp(&expect, &got, sizeof(float)))
-                    << c1 << " " << c2 << " " << c3;
+    for (const int ny : {4, 1}) {
+        const int nx = 5, nz = 3, N = nx * ny * nz;
+        Eigen::VectorXi dims(3);
+        dims << nx, ny, nz;
+        std::vector<float> grid(N);
+        Eigen::VectorXcd cgrid(2 * N);
+        for (int i = 0; i < N; ++i) grid[i] = std::sin(1.7f * i) * (i % 3 ? 1.f : -3.f);
+        for (int i = 0; i < 2 * N; ++i)
+            cgrid[i] = cd(std::cos(0.9 * i), -std::sin(2.3 * i) * (i % 4));
+        // A corner read past the end of the first block would bring this in.
+        cgrid[N] = cd(std::numeric_limits<double>::quiet_NaN(), 0.0);
+        for (float c3 : {0.f, 0.5f, 1.25f, 2.f, 2.75f})
+            for (float c2 : {0.f, 0.3f, 2.5f, 3.f, 3.9f})
+                for (float c1 : {0.f, 0.6f, 3.5f, 4.f, 4.99f}) {
+                    if (c2 > ny - 1) continue;
+                    const int ix = int(c1), iy = int(c2), iz = int(c3);
+                    const int b = nx * iy + ix + nx * ny * iz;
+                    const float t1 = c1 - float(ix), t2 = c2 - float(iy), t3 = c3 - float(iz);
+                    const mrkit::Corners<float> f(b, nx, nx * ny, N, t1, t2, t3);
+                    const float expect = MR_linear_interpolation(grid.data(), c2, c1, c3, dims);
+                    const float got = f.apply<float>([&](int q) { return grid[q]; });
+                    EXPECT_EQ(0, std::memcmp(&expect, &got, sizeof(float)))
+                        << ny << ": " << c1 << " " << c2 << " " << c3;
 
-                // Second block of a complex grid, bounded by its end.
-                const mrkit::Corners<double> d(b, nx, nx * ny, N, t1, t2, t3);
-                const cd e =
-                    MR_linear_interpolation(cgrid, dims, N + b, t2, t1, t3, nx * ny, 2 * N);
-                const cd g = d.apply(cgrid.data() + N);
-                EXPECT_EQ(0, std::memcmp(&e, &g, sizeof(cd))) << c1 << " " << c2 << " " << c3;
-            }
+                    // First block of a complex grid, bounded by its end.
+                    const mrkit::Corners<double> d(b, nx, nx * ny, N, t1, t2, t3);
+                    const cd e = MR_linear_interpolation(cgrid, dims, b, t2, t1, t3, nx * ny, N);
+                    const cd g = d.apply(cgrid.data());
+                    EXPECT_EQ(0, std::memcmp(&e, &g, sizeof(cd)))
+                        << ny << ": " << c1 << " " << c2 << " " << c3;
+                }
+    }
 }
