@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "recon/cpu.hpp"
 #include "recon/geometry/legendre_block.hpp"
 #include "recon/geometry/sincos.hpp"
 #include "recon/parallel.hpp"
@@ -211,7 +212,7 @@ void MR_geometry_correction(const float* x, const float* y, const float* z, floa
             locate(b, x + i, y + i, z + i, std::min(kBatch, end - i), r0, tab);
         };
 #if defined(__x86_64__)
-        const auto evaluate = __builtin_cpu_supports("avx2") ? evaluate_avx2 : evaluate_sse;
+        const auto evaluate = mrkit::has_avx2() ? evaluate_avx2 : evaluate_sse;
 #else
         const auto evaluate = evaluate_sse;
 #endif

@@ -9,6 +9,8 @@
 // keeps the plain calls.
 #include "recon/geometry/sincos.hpp"
 
+#include "recon/cpu.hpp"
+
 #include <math.h>
 
 #include <cstdint>
@@ -111,7 +113,7 @@ __attribute__((target("avx2,fma"))) void lanes(const float* angle, int count, fl
 // The lanes agree with this host's sincosf: every quadrant and both signs over the range the
 // lanes serve, the quadrant edges and the ends of the range.
 bool lanes_match_host() {
-    if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma")) return false;
+    if (!mrkit::has_avx2() || !mrkit::has_fma()) return false;
     constexpr int kCount = 4096;
     float a[kCount], s[kCount], c[kCount];
     uint32_t state = 12345u;

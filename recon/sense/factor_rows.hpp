@@ -23,16 +23,6 @@ namespace mrkit::sense {
 using cd = std::complex<double>;
 using cf = std::complex<float>;
 
-// Whether the processor runs AVX2 code; the AVX2 paths give the same bits as the SSE2 ones.
-inline bool has_avx2() {
-#ifdef MRKIT_AVX2
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") != 0;
-#else
-    return false;
-#endif
-}
-
 // Entry k of voxel q of a kept row is block k at flat index row * F0 + lo + q: one thread's
 // columns, blocks 0 .. blocks - 1, a few rows (the least recently used goes).
 class FactorRows {

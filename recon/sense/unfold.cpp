@@ -7,8 +7,7 @@
 #include <complex>
 #include <vector>
 
-#include <emmintrin.h>
-
+#include "recon/cpu.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
@@ -157,7 +156,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
         // Grid columns of this thread's corners: the lower one of each x and the next.
         const int lo = xs[begin].lower, width = xs[end - 1].lower + 2 - lo;
         mrkit::sense::FactorRows cache(factors.data(), F0, V, lo, width, blocks, F2 > 1 ? 8 : 4);
-        const bool avx2 = mrkit::sense::has_avx2();
+        const bool avx2 = mrkit::has_avx2();
 
         for (int y = 0; y < fd1; ++y) {
             const int ny = yAlias.count[y];

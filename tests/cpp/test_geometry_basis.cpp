@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "recon/cpu.hpp"
 #include "recon/geometry/sincos.hpp"
 #include "recon/recon.hpp"
 #include "support/sh_reference.hpp"
@@ -234,7 +235,7 @@ TEST(SineCosinePairs, BitIdenticalToLibm) {
 // and FMA (this project's hosts) that would only show as a slower series, so say it here.
 TEST(SineCosinePairs, FourLanesInUseOnGlibcWithFma) {
 #if defined(__x86_64__) && defined(__GLIBC__)
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+    if (mrkit::has_avx2() && mrkit::has_fma()) {
         EXPECT_TRUE(mrkit::geometry::sincos_many_is_vectorised());
     }
 #endif

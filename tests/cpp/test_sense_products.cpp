@@ -9,6 +9,7 @@
 #include <limits>
 #include <random>
 
+#include "recon/cpu.hpp"
 #include "recon/sense/products.hpp"
 
 #ifdef MRKIT_SMALL_PRODUCTS
@@ -150,7 +151,7 @@ TEST(SmallProducts, CoilProductBitIdenticalToEigen) {
                                     got[0].data());
         ASSERT_TRUE(same(expected[0], got[0], rows)) << "rows " << rows << ", cols " << cols;
 #ifdef MRKIT_AVX2_PAIRS
-        if (rows < 2 || cols >= 128 || !__builtin_cpu_supports("avx2")) continue;
+        if (rows < 2 || cols >= 128 || !mrkit::has_avx2()) continue;
         mrkit::small::matrix_vector_two_avx2(M[0].data(), ld, M[1].data(), ld, rows, cols,
                                              xs[0].data(), xs[1].data(), stride, got[0].data(),
                                              got[1].data());

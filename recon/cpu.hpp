@@ -1,0 +1,26 @@
+// What the processor offers beyond the x86-64 baseline, asked once at run time. The library's
+// AVX2 paths give the bits of its baseline ones (same operations and order, nothing contracted),
+// so only speed depends on the answer.
+#pragma once
+
+namespace mrkit {
+
+inline bool has_avx2() {
+#if defined(__x86_64__) && defined(__GNUC__)
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") != 0;
+#else
+    return false;
+#endif
+}
+
+inline bool has_fma() {
+#if defined(__x86_64__) && defined(__GNUC__)
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("fma") != 0;
+#else
+    return false;
+#endif
+}
+
+}  // namespace mrkit
