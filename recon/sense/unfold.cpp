@@ -67,17 +67,86 @@ using mrkit::sense::cf;
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
 
-// One thread's scratch for a run of folded voxels along x (a chunk of one (y, z) row): which
-// aliased positions carry signal, each voxel's factor matrix M, and the coil values.
+// What every thread reads: sizes, sampling of the factor grid and aliased positions.
+struct Layout {
+    int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
+    int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
+    std::vector<Sample> xs, ys, zs;
+    Aliases yAlias, zAlias;
+    int slots, blocks;
+    const cd* factors;
+
+    Layout(const Eigen::VectorXi& foldedDims, const Eigen::VectorXcd& f,
+           const Eigen::VectorXi& factorDims, const Eigen::VectorXi& fullDims,
+           const float* yCompartments, const float* zCompartments)
+        : fd0(foldedDims[0]),
+          fd1(foldedDims[1]),
+          fd2(foldedDims[2]),
+          fd3(foldedDims[3]),
+          N0(fullDims[0]),
+          N1(fullDims[1]),
+          N2(fullDims[2]),
+          F0(factorDims[0]),
+          F1(factorDims[1]),
+          F2(factorDims[2]),
+          slab(fd0 * fd1),
+          volume(slab * fd2),
+          foldedTotal(foldedDims.prod()),
+          plane(F0 * F1),
+          V(plane * F2),
+          outPlane(N0 * N1),
+          outTotal(outPlane * N2),
+          xs(samples(fd0, F0, N0, nullptr)),
+          ys(samples(fd1, F1, N1, yCompartments)),
+          zs(samples(fd2, F2, N2, zCompartments)),
+          yAlias(N1, fd1),
+          zAlias(N2, fd2),
+          slots(yAlias.most * zAlias.most),
+          // Blocks a voxel may read, as far as the factor vector holds them.
+          blocks(V > 0 ? static_cast<int>(std::min<Eigen::Index>(
+                             static_cast<Eigen::Index>(slots) * fd3, f.size() / V))
+                       : 0),
+          factors(f.data()) {}
+};
+
+// One (y, z) row of folded voxels: its aliased positions and where it samples the factor grid.
+struct Row {
+    int y, z, ny, nz, n;
+    const int *yList, *zList;
+    const Sample *sy, *sz;
+    int rowBase;  // flat factor index of the row's lower corner but for x
+    int gridRow;  // row of that corner among the factor grid's F1 * F2 rows
+    const cd* kept[4] = {nullptr, nullptr, nullptr, nullptr};  // corner rows, once fetched
+
+    Row(const Layout& L, int y_, int z_)
+        : y(y_),
+          z(z_),
+          ny(L.yAlias.count[y_]),
+          nz(L.zAlias.count[z_]),
+          n(ny * nz),
+          yList(L.yAlias.of(y_)),
+          zList(L.zAlias.of(z_)),
+          sy(&L.ys[y_]),
+          sz(&L.zs[z_]),
+          rowBase(sy->lower * L.F0 + sz->lower * L.plane),
+          gridRow(sy->lower + sz->lower * L.F1) {}
+};
+
+// One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased
+// positions carry signal, how each voxel's factors are read, its factor matrix M, and the coil
+// values.
 struct Chunk {
     static constexpr int kLength = 64;
     const int slots, coils;
-    int active = 0;             // voxels with signal, in x order
-    std::vector<int> x, valid;  // their x and number of positions with signal
-    std::vector<int> rowOf;     // slots per voxel: row of position m in M, or -1
-    std::vector<int> ld;        // leading dimension of the voxel's M
-    std::vector<cf> M;          // slots x coils per voxel, column-major
-    std::vector<cf> values;     // coil values of each x of the chunk
+    int active = 0;              // voxels with signal, in x order
+    std::vector<int> x, valid;   // their x and number of positions with signal
+    std::vector<int> rowOf;      // slots per voxel: row of position m in M, or -1
+    std::vector<int> corners;    // 4 or 8 from kept rows, 0 read from the factors as they lie
+    std::vector<double> weight;  // 8 per voxel, of the corners from kept rows
+    std::vector<int> ld;         // leading dimension of the voxel's M
+    std::vector<cf> M;           // slots x coils per voxel, column-major
+    std::vector<cf> values;      // coil values of each x of the chunk
+    std::vector<cf> u, u2;       // results of one voxel, or of two
 
     Chunk(int s, int c)
         : slots(s),
@@ -85,10 +154,15 @@ struct Chunk {
           x(kLength),
           valid(kLength),
           rowOf(static_cast<size_t>(kLength) * s),
+          corners(kLength),
+          weight(static_cast<size_t>(kLength) * 8),
           ld(kLength),
           M(static_cast<size_t>(kLength) * s * c),
-          values(static_cast<size_t>(kLength) * c) {}
+          values(static_cast<size_t>(kLength) * c),
+          u(s),
+          u2(s) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
+    double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
     cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
 };
@@ -112,14 +186,190 @@ inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
 }
 
-// M of a voxel with `valid` of its n positions carrying signal (rows: their rows in M).
-template <class Runs>
-void interpolate(const Runs& runs, int valid, const int* rows, int n, int coils, int slots,
-                 bool avx2, cf* out) {
-    if (valid == n) return runs.all(n * coils, out, avx2);
-    for (int c = 0; c < coils; ++c)
-        for (int m = 0; m < n; ++m)
-            if (rows[m] >= 0) out[rows[m] + static_cast<size_t>(c) * slots] = runs.at(c * n + m);
+// Coil 0's factor at the nearest grid voxel says which positions carry signal; outside the
+// object this is the only work done. Lists the chunk's voxels with signal and how their corners
+// are read: from the kept rows when they are the usual four (one plane) or eight, otherwise, at
+// the grid's end, from the factors as they lie.
+void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
+    const int n = row.n;
+    const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
+    const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
+    const int nearest = row.sz->nearest * L.plane + row.sy->nearest * L.F0;
+    ch.active = 0;
+    for (int x = x0; x < x1; ++x) {
+        const Sample& sx = L.xs[x];
+        const cd* f = L.factors + nearest + sx.nearest;
+        int* rows = ch.rows(ch.active);
+        int valid = 0;
+        for (int m = 0; m < n; ++m, f += L.V)
+            rows[m] = (f->real() != 0.0 || f->imag() != 0.0) ? valid++ : -1;
+        if (valid == 0) continue;
+        const int i = ch.active++;
+        ch.x[i] = x;
+        ch.valid[i] = valid;
+        ch.ld[i] = valid == n ? n : ch.slots;
+        // Corners as MR_linear_interpolation picks them; within a block, so the block bound
+        // (block + 1) * V leaves b + offset < V as the test.
+        const int b = sx.lower + row.rowBase;
+        int corners = b + L.F0 + 1 + L.plane < L.V               ? 8
+                      : b + L.plane >= L.V && b + L.F0 + 1 < L.V ? 4
+                                                                 : 0;
+        if (n * L.fd3 > L.blocks) corners = 0;
+        ch.corners[i] = corners;
+        // Weight of corner k: (x weight * y weight) * z weight, each t or 1 - t.
+        const double wx[2] = {1.0 - sx.fraction, sx.fraction};
+        double* w = ch.weights(i);
+        for (int k = 0; k < corners; ++k) w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
+    }
+}
+
+// M of every voxel with signal: all blocks in order (n x coils, leading dimension n) when every
+// position carries signal, otherwise the rows with signal only. Two voxels of the same kind go
+// through the AVX2 kernel together.
+void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::FactorRows& cache,
+                 Chunk& ch) {
+    const int n = row.n, count = n * L.fd3, stride = cache.stride();
+    const auto keep_rows = [&](int corners) {
+        for (int r = 0; r < corners / 2; ++r)
+            if (!row.kept[r])
+                row.kept[r] = cache.row(row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0), count);
+    };
+    for (int i = 0; i < ch.active; ++i) {
+        const int corners = ch.corners[i];
+        const int* rows = ch.rows(i);
+        cf* out = ch.matrix(i);
+        if (corners == 0) {
+            const Sample& sx = L.xs[ch.x[i]];
+            const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.plane, L.V, sx.fraction,
+                                            row.sy->fraction, row.sz->fraction);
+            for (int c = 0; c < L.fd3; ++c)
+                for (int m = 0; m < n; ++m)
+                    if (rows[m] >= 0)
+                        out[rows[m] + static_cast<size_t>(c) * ch.slots] =
+                            narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
+            ch.ld[i] = ch.slots;
+            continue;
+        }
+        keep_rows(corners);
+        const int column = L.xs[ch.x[i]].lower - lo;
+#ifdef MRKIT_AVX2
+        // A voxel without a partner of the same kind goes through the kernel paired with
+        // itself: which voxels pair up depends on the threads' blocks, its bits must not.
+        if (avx2 && ch.valid[i] == n) {
+            const bool pair =
+                i + 1 < ch.active && ch.corners[i + 1] == corners && ch.valid[i + 1] == n;
+            const int j = pair ? i + 1 : i;
+            const int columnB = L.xs[ch.x[j]].lower - lo;
+            if (corners == 4)
+                mrkit::sense::all_two_avx2<4>(row.kept, column, columnB, stride, ch.weights(i),
+                                              ch.weights(j), count, out, ch.matrix(j));
+            else
+                mrkit::sense::all_two_avx2<8>(row.kept, column, columnB, stride, ch.weights(i),
+                                              ch.weights(j), count, out, ch.matrix(j));
+            i = j;
+            continue;
+        }
+#else
+        (void)avx2;
+#endif
+        const auto one = [&](const auto& runs) {
+            if (ch.valid[i] == n) return runs.all(count, out);
+            for (int c = 0; c < L.fd3; ++c)
+                for (int m = 0; m < n; ++m)
+                    if (rows[m] >= 0)
+                        out[rows[m] + static_cast<size_t>(c) * ch.slots] = runs.at(c * n + m);
+        };
+        if (corners == 4)
+            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights(i)});
+        else
+            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights(i)});
+    }
+}
+
+// The chunk's voxels of one volume: u = M v per voxel, scattered to its aliased positions.
+void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
+                  const mrkit::sense::Volume& vol, Chunk& ch, std::atomic<int>& status) {
+    const int n = row.n, ny = row.ny, nz = row.nz;
+    // Output offset of each aliased position (y outer, z inner) but for x; when none can reach
+    // past the output, a voxel whose positions all carry signal writes them without the checks
+    // below.
+    int offset[kMaxSlots];
+    bool inside = n <= kMaxSlots;
+    for (int m = 0; m < n && inside; ++m) {
+        offset[m] = row.yList[m / nz] * L.N0 + row.zList[m % nz] * L.outPlane;
+        inside = offset[m] + x1 - 1 < L.outTotal;
+    }
+    const int rowStart = row.y * L.fd0 + row.z * L.slab;
+    const bool folded = rowStart + x1 - 1 < L.foldedTotal;
+
+    // The chunk's coil values, coil by coil along the row, so that the coils' rows (a volume
+    // apart) are not all read at once.
+    for (int c = 0; c < L.fd3; ++c)
+        gather(vol.foldedRe + rowStart + c * L.volume,
+               vol.foldedIm ? vol.foldedIm + rowStart + c * L.volume : nullptr, x0, x1,
+               ch.values_at(c));
+
+    // Results u of voxel i to its aliased positions.
+    const auto scatter = [&](int i, const cf* u) {
+        const int x = ch.x[i];
+        if (inside && ch.valid[i] == n) {
+            for (int m = 0; m < n; ++m) {
+                vol.outRe[offset[m] + x] = u[m].real();
+                vol.outIm[offset[m] + x] = u[m].imag();
+            }
+            return;
+        }
+        // Aliased positions in factor order (y outer, z inner). One outside the output
+        // advances neither counter, so the rest of the voxel pairs with the mask one step
+        // behind; that pairing is kept.
+        const int* rows = ch.rows(i);
+        int k = 0, j = 0;
+        for (int iy = 0; iy < ny; ++iy) {
+            for (int iz = 0; iz < nz; ++iz) {
+                if (rows[k] < 0) {
+                    ++k;
+                    continue;
+                }
+                const int o = row.yList[iy] * L.N0 + x + row.zList[iz] * L.outPlane;
+                if (o >= L.outTotal) {
+                    status.store(-1, std::memory_order_relaxed);
+                    continue;
+                }
+                vol.outRe[o] = u[j].real();
+                vol.outIm[o] = u[j].imag();
+                ++j;
+                ++k;
+            }
+        }
+    };
+    const cf* values = ch.values_at(0);
+    for (int i = 0; i < ch.active; ++i) {
+        const int x = ch.x[i];
+        if (!folded && rowStart + x >= L.foldedTotal) {
+            status.store(-1, std::memory_order_relaxed);
+            continue;
+        }
+#ifdef MRKIT_AVX2_PAIRS
+        // Two voxels with as many positions with signal at once; a voxel without such a
+        // neighbour goes through the same kernel paired with itself, so that which voxels pair
+        // up (it depends on the threads' blocks) cannot change the bits, not even of a NaN.
+        if (avx2 && L.fd3 < 128 && ch.valid[i] >= 2) {
+            const bool pair = i + 1 < ch.active && ch.valid[i + 1] == ch.valid[i] &&
+                              (folded || rowStart + ch.x[i + 1] < L.foldedTotal);
+            const int k = pair ? i + 1 : i;
+            mrkit::small::matrix_vector_two_avx2(ch.matrix(i), ch.ld[i], ch.matrix(k), ch.ld[k],
+                                                 ch.valid[i], L.fd3, values + (x - x0),
+                                                 values + (ch.x[k] - x0), Chunk::kLength,
+                                                 ch.u.data(), ch.u2.data());
+            scatter(i, ch.u.data());
+            if (pair) scatter(++i, ch.u2.data());
+            continue;
+        }
+#endif
+        mrkit::small::matrix_vector(ch.matrix(i), ch.ld[i], ch.valid[i], L.fd3, values + (x - x0),
+                                    Chunk::kLength, ch.u.data());
+        scatter(i, ch.u.data());
+    }
 }
 
 }  // namespace
@@ -131,195 +381,31 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                    const Eigen::VectorXi& fullDims, const float* yCompartments,
                    const float* zCompartments) {
     if (volumes.empty()) return 1;
-    const int fd0 = foldedDims[0], fd1 = foldedDims[1], fd2 = foldedDims[2], fd3 = foldedDims[3];
-    const int N0 = fullDims[0], N1 = fullDims[1], N2 = fullDims[2];
-    const int F0 = factorDims[0], F1 = factorDims[1], F2 = factorDims[2];
-    const int slab = fd0 * fd1, volume = slab * fd2, foldedTotal = foldedDims.prod();
-    const int plane = F0 * F1, V = plane * F2;
-    const int outPlane = N0 * N1, outTotal = outPlane * N2;
-
-    const std::vector<Sample> xs = samples(fd0, F0, N0, nullptr);
-    const std::vector<Sample> ys = samples(fd1, F1, N1, yCompartments);
-    const std::vector<Sample> zs = samples(fd2, F2, N2, zCompartments);
-    const Aliases yAlias(N1, fd1), zAlias(N2, fd2);
-    const int slots = yAlias.most * zAlias.most;
-    // Blocks a voxel may read, as far as the factor vector holds them.
-    const int blocks = V > 0 ? static_cast<int>(std::min<Eigen::Index>(
-                                   static_cast<Eigen::Index>(slots) * fd3, factors.size() / V))
-                             : 0;
-
+    const Layout L(foldedDims, factors, factorDims, fullDims, yCompartments, zCompartments);
     std::atomic<int> status{1};
-    mrkit::parallel_blocks(fd0, [&](int begin, int end) {
+    mrkit::parallel_blocks(L.fd0, [&](int begin, int end) {
         if (begin >= end) return;
-        Chunk ch(slots, fd3);
-        Eigen::VectorXcf u(slots), u2(slots);
-        // Grid columns of this thread's corners: the lower one of each x and the next.
-        const int lo = xs[begin].lower, width = xs[end - 1].lower + 2 - lo;
-        mrkit::sense::FactorRows cache(factors.data(), F0, V, lo, width, blocks, F2 > 1 ? 8 : 4);
+        Chunk ch(L.slots, L.fd3);
+        // Grid columns of this thread's corners: the lower one of each x and the next. Rows y
+        // and y + 1 (and the same one plane on) are kept, across the thread's columns, so that
+        // the next row of folded voxels finds half of its corners there.
+        const int lo = L.xs[begin].lower, width = L.xs[end - 1].lower + 2 - lo;
+        FactorRows cache(L.factors, L.F0, L.V, width, L.blocks, L.F2 > 1 ? 4 : 2);
+        cache.columns(lo, width);
         const bool avx2 = mrkit::has_avx2();
-
-        for (int y = 0; y < fd1; ++y) {
-            const int ny = yAlias.count[y];
-            const int* yList = yAlias.of(y);
-            for (int z = 0; z < fd2; ++z) {
-                const int nz = zAlias.count[z];
-                const int* zList = zAlias.of(z);
-                const int n = ny * nz;
-                const Sample &sy = ys[y], &sz = zs[z];
-                // Weight of corner k: (x weight * y weight) * z weight, each t or 1 - t.
-                const double wy[2] = {1.0 - sy.fraction, sy.fraction};
-                const double wz[2] = {1.0 - sz.fraction, sz.fraction};
-                const int rowBase = sy.lower * F0 + sz.lower * plane;
-                const int row0 = sy.lower + sz.lower * F1;
-                // Corner rows (y, y + 1, then one plane on), fetched when first needed.
-                const cd* row[4] = {nullptr, nullptr, nullptr, nullptr};
-                const auto rows_for = [&](int corners) {
-                    for (int r = 0; r < corners / 2; ++r)
-                        if (!row[r]) row[r] = cache.row(row0 + (r & 1) + (r & 2 ? F1 : 0), n * fd3);
-                };
+        // Row by row, each row in chunks: the folded volumes are read along their rows.
+        for (int y = 0; y < L.fd1; ++y)
+            for (int z = 0; z < L.fd2; ++z) {
+                Row row(L, y, z);
                 for (int x0 = begin; x0 < end; x0 += Chunk::kLength) {
                     const int x1 = std::min(end, x0 + Chunk::kLength);
-
-                    // Coil 0's factor at the nearest grid voxel says which positions carry
-                    // signal; outside the object this is the only work done.
-                    ch.active = 0;
-                    for (int x = x0; x < x1; ++x) {
-                        const Sample& sx = xs[x];
-                        const int r = sz.nearest * plane + sy.nearest * F0 + sx.nearest;
-                        int* rows = ch.rows(ch.active);
-                        int valid = 0;
-                        for (int m = 0; m < n; ++m) {
-                            const cd f = factors[r + m * V];
-                            rows[m] = (f.real() != 0.0 || f.imag() != 0.0) ? valid++ : -1;
-                        }
-                        if (valid == 0) continue;
-                        const int i = ch.active++;
-                        ch.x[i] = x;
-                        ch.valid[i] = valid;
-
-                        // Corners as MR_linear_interpolation picks them; within a block, so the
-                        // block bound (block + 1) * V leaves b + offset < V as the test. All
-                        // corners of one plane (4) or two (8) come from the cached rows; other
-                        // voxels, at the grid's end, read the factors as they lie.
-                        const int b = sx.lower + rowBase;
-                        const int corners = b + F0 + 1 + plane < V             ? 8
-                                            : b + plane >= V && b + F0 + 1 < V ? 4
-                                                                               : 0;
-                        cf* out = ch.matrix(i);
-                        if (corners == 0 || n * fd3 > blocks) {
-                            const mrkit::Corners<double> at(b, F0, plane, V, sx.fraction,
-                                                            sy.fraction, sz.fraction);
-                            for (int c = 0; c < fd3; ++c)
-                                for (int m = 0; m < n; ++m)
-                                    if (rows[m] >= 0)
-                                        out[rows[m] + static_cast<size_t>(c) * slots] =
-                                            narrow(at.apply(factors.data() + (c * n + m) * V));
-                            ch.ld[i] = slots;
-                            continue;
-                        }
-                        const double wx[2] = {1.0 - sx.fraction, sx.fraction};
-                        double w[8];
-                        for (int k = 0; k < corners; ++k)
-                            w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
-                        rows_for(corners);
-                        // With signal at every position M is all blocks in order (n x coils,
-                        // leading dimension n), otherwise the rows with signal only.
-                        ch.ld[i] = valid == n ? n : slots;
-                        if (corners == 4)
-                            interpolate(mrkit::sense::CornerRuns<4>{row, sx.lower - lo, blocks, w},
-                                        valid, rows, n, fd3, slots, avx2, out);
-                        else
-                            interpolate(mrkit::sense::CornerRuns<8>{row, sx.lower - lo, blocks, w},
-                                        valid, rows, n, fd3, slots, avx2, out);
-                    }
+                    find_signal(L, row, x0, x1, ch);
                     if (ch.active == 0) continue;
-
-                    // Output offset of each aliased position (y outer, z inner) but for x; when
-                    // none can reach past the output, a voxel whose positions all carry signal
-                    // writes them without the checks below.
-                    int offset[kMaxSlots];
-                    bool inside = n <= kMaxSlots;
-                    for (int m = 0; m < n && inside; ++m) {
-                        offset[m] = yList[m / nz] * N0 + zList[m % nz] * outPlane;
-                        inside = offset[m] + x1 - 1 < outTotal;
-                    }
-                    const int rowStart = y * fd0 + z * slab;
-                    const bool folded = rowStart + x1 - 1 < foldedTotal;
-                    for (const Volume& vol : volumes) {
-                        // The chunk's coil values, coil by coil along the row, so that the
-                        // coils' rows (a volume apart) are not all read at once.
-                        for (int c = 0; c < fd3; ++c)
-                            gather(vol.foldedRe + rowStart + c * volume,
-                                   vol.foldedIm ? vol.foldedIm + rowStart + c * volume : nullptr,
-                                   x0, x1, ch.values_at(c));
-                        // Results u of voxel i to its aliased positions.
-                        const auto scatter = [&](int i, const cf* u) {
-                            const int x = ch.x[i];
-                            if (inside && ch.valid[i] == n) {
-                                for (int m = 0; m < n; ++m) {
-                                    vol.outRe[offset[m] + x] = u[m].real();
-                                    vol.outIm[offset[m] + x] = u[m].imag();
-                                }
-                                return;
-                            }
-                            // Aliased positions in factor order (y outer, z inner). One outside
-                            // the output advances neither counter, so the rest of the voxel
-                            // pairs with the mask one step behind; that pairing is kept.
-                            const int* rows = ch.rows(i);
-                            int k = 0, j = 0;
-                            for (int iy = 0; iy < ny; ++iy) {
-                                for (int iz = 0; iz < nz; ++iz) {
-                                    if (rows[k] < 0) {
-                                        ++k;
-                                        continue;
-                                    }
-                                    const int o = yList[iy] * N0 + x + zList[iz] * outPlane;
-                                    if (o >= outTotal) {
-                                        status.store(-1, std::memory_order_relaxed);
-                                        continue;
-                                    }
-                                    vol.outRe[o] = u[j].real();
-                                    vol.outIm[o] = u[j].imag();
-                                    ++j;
-                                    ++k;
-                                }
-                            }
-                        };
-                        const cf* values = ch.values_at(0);
-                        for (int i = 0; i < ch.active; ++i) {
-                            const int x = ch.x[i];
-                            if (!folded && y * fd0 + x + z * slab >= foldedTotal) {
-                                status.store(-1, std::memory_order_relaxed);
-                                continue;
-                            }
-#ifdef MRKIT_AVX2_PAIRS
-                            // Two voxels with as many positions with signal at once; a voxel
-                            // without such a neighbour goes through the same kernel paired with
-                            // itself, so that which voxels pair up (it depends on the threads'
-                            // blocks) cannot change the bits, not even of a NaN.
-                            if (avx2 && fd3 < 128 && ch.valid[i] >= 2) {
-                                const bool pair =
-                                    i + 1 < ch.active && ch.valid[i + 1] == ch.valid[i] &&
-                                    (folded || y * fd0 + ch.x[i + 1] + z * slab < foldedTotal);
-                                const int k = pair ? i + 1 : i;
-                                mrkit::small::matrix_vector_two_avx2(
-                                    ch.matrix(i), ch.ld[i], ch.matrix(k), ch.ld[k], ch.valid[i],
-                                    fd3, values + (x - x0), values + (ch.x[k] - x0), Chunk::kLength,
-                                    u.data(), u2.data());
-                                scatter(i, u.data());
-                                if (pair) scatter(++i, u2.data());
-                                continue;
-                            }
-#endif
-                            mrkit::small::matrix_vector(ch.matrix(i), ch.ld[i], ch.valid[i], fd3,
-                                                        values + (x - x0), Chunk::kLength,
-                                                        u.data());
-                            scatter(i, u.data());
-                        }
-                    }
+                    interpolate(L, row, lo, avx2, cache, ch);
+                    for (const Volume& vol : volumes)
+                        unfold_chunk(L, row, x0, x1, avx2, vol, ch, status);
                 }
             }
-        }
     });
     return status.load();
 }
