@@ -129,48 +129,31 @@ struct CornerRuns {
 };
 
 #ifdef MRKIT_AVX2
-// CornerRuns::all for two voxels a and b of the same rows at once, one in each half of a 256-bit
-// register: lane by lane the same products and sums (no fused multiply-add). Next: b's corners
-// are one column on from a's, so each corner pair is one load.
-template <int Corners, bool Next>
-__attribute__((target("avx2"))) void two_runs(const double* const* a, const double* const* b,
-                                              const __m256d* w, size_t step, int count, cf* outA,
-                                              cf* outB) {
+// CornerRuns::all for the voxels at `column` (a) and `column + 1` (b) of the same rows at once,
+// one in each half of a 256-bit register, each corner pair one load: lane by lane the same
+// products and sums (no fused multiply-add). Every voxel runs this one loop, in either half: a
+// variant for other columns could be compiled with the operands of a sum swapped and so pick
+// the other NaN of two.
+template <int Corners>
+__attribute__((target("avx2"))) void all_two_avx2(const cd* const* rows, int column, int stride,
+                                                  const double* weightA, const double* weightB,
+                                                  int count, cf* outA, cf* outB) {
+    const double* in[Corners];
+    __m256d w[Corners];
+    for (int k = 0; k < Corners; ++k) {
+        in[k] = reinterpret_cast<const double*>(rows[k >> 1] + column + (k & 1));
+        w[k] = _mm256_setr_pd(weightA[k], weightA[k], weightB[k], weightB[k]);
+    }
+    const size_t step = 2 * static_cast<size_t>(stride);
     size_t at = 0;
     for (int e = 0; e < count; ++e, at += step) {
-        __m256d sum = _mm256_setzero_pd();
-        for (int k = 0; k < Corners; ++k) {
-            const __m256d v =
-                Next ? _mm256_loadu_pd(a[k] + at)
-                     : _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(a[k] + at)),
-                                            _mm_loadu_pd(b[k] + at), 1);
-            const __m256d term = _mm256_mul_pd(v, w[k]);
-            sum = k == 0 ? term : _mm256_add_pd(sum, term);
-        }
+        __m256d sum = _mm256_mul_pd(_mm256_loadu_pd(in[0] + at), w[0]);
+        for (int k = 1; k < Corners; ++k)
+            sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(in[k] + at), w[k]));
         const __m128 v = _mm256_cvtpd_ps(sum);
         _mm_storel_pi(reinterpret_cast<__m64*>(outA + e), v);
         _mm_storeh_pi(reinterpret_cast<__m64*>(outB + e), v);
     }
-}
-
-template <int Corners>
-__attribute__((target("avx2"))) void all_two_avx2(const cd* const* rows, int columnA, int columnB,
-                                                  int stride, const double* weightA,
-                                                  const double* weightB, int count, cf* outA,
-                                                  cf* outB) {
-    const double* a[Corners];
-    const double* b[Corners];
-    __m256d w[Corners];
-    for (int k = 0; k < Corners; ++k) {
-        a[k] = reinterpret_cast<const double*>(rows[k >> 1] + columnA + (k & 1));
-        b[k] = reinterpret_cast<const double*>(rows[k >> 1] + columnB + (k & 1));
-        w[k] = _mm256_setr_pd(weightA[k], weightA[k], weightB[k], weightB[k]);
-    }
-    const size_t step = 2 * static_cast<size_t>(stride);
-    if (columnB == columnA + 1)
-        two_runs<Corners, true>(a, b, w, step, count, outA, outB);
-    else
-        two_runs<Corners, false>(a, b, w, step, count, outA, outB);
 }
 #endif
 

@@ -147,6 +147,7 @@ struct Chunk {
     std::vector<cf> M;           // slots x coils per voxel, column-major
     std::vector<cf> values;      // coil values of each x of the chunk
     std::vector<cf> u, u2;       // results of one voxel, or of two
+    std::vector<cf> dropped;     // factors of a grid column no voxel asked for
 
     Chunk(int s, int c)
         : slots(s),
@@ -160,7 +161,8 @@ struct Chunk {
           M(static_cast<size_t>(kLength) * s * c),
           values(static_cast<size_t>(kLength) * c),
           u(s),
-          u2(s) {}
+          u2(s),
+          dropped(static_cast<size_t>(s) * c) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
     double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
@@ -253,20 +255,20 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
         keep_rows(corners);
         const int column = L.xs[ch.x[i]].lower - lo;
 #ifdef MRKIT_AVX2
-        // A voxel without a partner of the same kind goes through the kernel paired with
-        // itself: which voxels pair up depends on the threads' blocks, its bits must not.
+        // With the voxel at the next grid column, when that is the next voxel with signal at
+        // every position; otherwise that column's half is computed and dropped.
         if (avx2 && ch.valid[i] == n) {
-            const bool pair =
-                i + 1 < ch.active && ch.corners[i + 1] == corners && ch.valid[i + 1] == n;
-            const int j = pair ? i + 1 : i;
-            const int columnB = L.xs[ch.x[j]].lower - lo;
+            const bool pair = i + 1 < ch.active && ch.corners[i + 1] == corners &&
+                              ch.valid[i + 1] == n && L.xs[ch.x[i + 1]].lower - lo == column + 1;
+            cf* outB = pair ? ch.matrix(i + 1) : ch.dropped.data();
+            const double* weightB = pair ? ch.weights(i + 1) : ch.weights(i);
             if (corners == 4)
-                mrkit::sense::all_two_avx2<4>(row.kept, column, columnB, stride, ch.weights(i),
-                                              ch.weights(j), count, out, ch.matrix(j));
+                mrkit::sense::all_two_avx2<4>(row.kept, column, stride, ch.weights(i), weightB,
+                                              count, out, outB);
             else
-                mrkit::sense::all_two_avx2<8>(row.kept, column, columnB, stride, ch.weights(i),
-                                              ch.weights(j), count, out, ch.matrix(j));
-            i = j;
+                mrkit::sense::all_two_avx2<8>(row.kept, column, stride, ch.weights(i), weightB,
+                                              count, out, outB);
+            if (pair) ++i;
             continue;
         }
 #else
