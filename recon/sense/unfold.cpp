@@ -209,7 +209,6 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
         const int i = ch.active++;
         ch.x[i] = x;
         ch.valid[i] = valid;
-        ch.ld[i] = valid == n ? n : ch.slots;
         // Corners as MR_linear_interpolation picks them; within a block, so the block bound
         // (block + 1) * V leaves b + offset < V as the test.
         const int b = sx.lower + row.rowBase;
@@ -218,6 +217,7 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
                                                                  : 0;
         if (n * L.fd3 > L.blocks) corners = 0;
         ch.corners[i] = corners;
+        ch.ld[i] = valid == n && corners != 0 ? n : ch.slots;
         // Weight of corner k: (x weight * y weight) * z weight, each t or 1 - t.
         const double wx[2] = {1.0 - sx.fraction, sx.fraction};
         double* w = ch.weights(i);
@@ -225,9 +225,9 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     }
 }
 
-// M of every voxel with signal: all blocks in order (n x coils, leading dimension n) when every
-// position carries signal, otherwise the rows with signal only. Two voxels of the same kind go
-// through the AVX2 kernel together.
+// M of every voxel with signal: from kept rows with every position carrying signal, all blocks
+// in order (n x coils, leading dimension n); otherwise the rows with signal only (leading
+// dimension slots).
 void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::FactorRows& cache,
                  Chunk& ch) {
     const int n = row.n, count = n * L.fd3, stride = cache.stride();
@@ -249,7 +249,6 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
                     if (rows[m] >= 0)
                         out[rows[m] + static_cast<size_t>(c) * ch.slots] =
                             narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
-            ch.ld[i] = ch.slots;
             continue;
         }
         keep_rows(corners);
