@@ -25,28 +25,23 @@ namespace mrkit::sense {
 using cd = std::complex<double>;
 using cf = std::complex<float>;
 
-// Entry q of block k of a kept row is the factor at flat index row * F0 + lo + q of block k: a
-// run of at most `most` columns, blocks 0 .. blocks - 1, a few rows (the least recently used
-// goes).
+// Entry q of block k of a kept row is the factor at flat index row * F0 + lo + q of block k: one
+// thread's columns, blocks 0 .. blocks - 1, a few rows (the least recently used goes).
 class FactorRows {
   public:
-    FactorRows(const cd* factors, int F0, int V, int most, int blocks, int rows)
+    FactorRows(const cd* factors, int F0, int V, int lo, int width, int blocks, int rows)
         : factors_(factors),
           F0_(F0),
           V_(V),
-          stride_((most + 3) / 4 * 4 + 4),
+          lo_(lo),
+          width_(width),
+          // Padded past the run: a read one or two columns beyond it stays in the buffer.
+          stride_((width + 3) / 4 * 4 + 4),
           blocks_(blocks),
           tag_(rows, -1),
           filled_(rows, 0),
           used_(rows, 0),
           data_(static_cast<size_t>(rows) * stride_ * blocks) {}
-
-    // Keeps columns lo .. lo + width - 1 (width <= most) from now on; nothing kept is valid.
-    void columns(int lo, int width) {
-        lo_ = lo;
-        width_ = width;
-        std::fill(tag_.begin(), tag_.end(), -1);
-    }
 
     // Distance between the runs of two consecutive blocks.
     int stride() const { return stride_; }
@@ -84,7 +79,7 @@ class FactorRows {
     }
 
     const cd* factors_;
-    int F0_, V_, stride_, blocks_, lo_ = 0, width_ = 0;
+    int F0_, V_, lo_, width_, stride_, blocks_;
     std::vector<int> tag_, filled_;
     std::vector<long> used_;
     long clock_ = 0;

@@ -391,8 +391,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
         // and y + 1 (and the same one plane on) are kept, across the thread's columns, so that
         // the next row of folded voxels finds half of its corners there.
         const int lo = L.xs[begin].lower, width = L.xs[end - 1].lower + 2 - lo;
-        FactorRows cache(L.factors, L.F0, L.V, width, L.blocks, L.F2 > 1 ? 4 : 2);
-        cache.columns(lo, width);
+        FactorRows cache(L.factors, L.F0, L.V, lo, width, L.blocks, L.F2 > 1 ? 4 : 2);
         const bool avx2 = mrkit::has_avx2();
         // Row by row, each row in chunks: the folded volumes are read along their rows.
         for (int y = 0; y < L.fd1; ++y)
