@@ -401,9 +401,14 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
         FactorRows cache(L.factors, L.F0, L.V, std::min(L.xs[end - 1].lower + 2 - lo0, kStripWidth),
                          L.blocks, L.F2 > 1 ? 4 : 2);
         const bool avx2 = mrkit::has_avx2();
+        // Folded rows longer than the output's reach into its next row, so that two voxels may
+        // write one sample; the one later in x order must win, as with x outermost. Then every
+        // strip is one x wide.
+        const bool overlaps = L.fd0 > L.N0;
         for (int s0 = begin, s1; s0 < end; s0 = s1) {
             const int lo = L.xs[s0].lower;
-            for (s1 = s0 + 1; s1 < end && L.xs[s1].lower + 2 - lo <= kStripWidth;) ++s1;
+            for (s1 = s0 + 1; s1 < end && !overlaps && L.xs[s1].lower + 2 - lo <= kStripWidth;)
+                ++s1;
             cache.columns(lo, L.xs[s1 - 1].lower + 2 - lo);
             // Row by row, each row in chunks: the folded volumes are read along their rows.
             for (int y = 0; y < L.fd1; ++y)
