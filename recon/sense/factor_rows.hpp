@@ -1,7 +1,7 @@
 // Reading the combination factors around folded voxels. The factor blocks (one per coil and
 // aliased position) lie a whole factor grid apart in the factor vector, often a multiple of
 // 4 KiB, so reading one entry of each in turn keeps evicting the first-level cache. Instead a few
-// rows of the factor grid are kept, each block's run of one thread's columns copied whole, the
+// rows of the factor grid are kept, each block's run of a strip of columns copied whole, the
 // runs a little more than their length apart so that they do not share cache sets. A voxel's
 // factors are then interpolated from them with, per block, the same corners, weights and order
 // of sums as MR_linear_interpolation.
@@ -25,23 +25,29 @@ namespace mrkit::sense {
 using cd = std::complex<double>;
 using cf = std::complex<float>;
 
-// Entry q of block k of a kept row is the factor at flat index row * F0 + lo + q of block k: one
-// thread's columns, blocks 0 .. blocks - 1, a few rows (the least recently used goes).
+// Entry q of block k of a kept row is the factor at flat index row * F0 + lo + q of block k: a
+// run of at most `capacity` columns starting at column lo, blocks 0 .. blocks - 1, a few rows
+// (the least recently used goes).
 class FactorRows {
   public:
-    FactorRows(const cd* factors, int F0, int V, int lo, int width, int blocks, int rows)
+    FactorRows(const cd* factors, int F0, int V, int capacity, int blocks, int rows)
         : factors_(factors),
           F0_(F0),
           V_(V),
-          lo_(lo),
-          width_(width),
           // Padded past the run: a read one or two columns beyond it stays in the buffer.
-          stride_((width + 3) / 4 * 4 + 4),
+          stride_((capacity + 3) / 4 * 4 + 4),
           blocks_(blocks),
           tag_(rows, -1),
           filled_(rows, 0),
           used_(rows, 0),
           data_(static_cast<size_t>(rows) * stride_ * blocks) {}
+
+    // Columns lo .. lo + width - 1 from now on (width at most the capacity); nothing is kept.
+    void columns(int lo, int width) {
+        lo_ = lo;
+        width_ = width;
+        std::fill(tag_.begin(), tag_.end(), -1);
+    }
 
     // Distance between the runs of two consecutive blocks.
     int stride() const { return stride_; }
@@ -79,7 +85,7 @@ class FactorRows {
     }
 
     const cd* factors_;
-    int F0_, V_, lo_, width_, stride_, blocks_;
+    int F0_, V_, lo_ = 0, width_ = 0, stride_, blocks_;
     std::vector<int> tag_, filled_;
     std::vector<long> used_;
     long clock_ = 0;

@@ -67,6 +67,12 @@ using mrkit::sense::cf;
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
 
+// Factor-grid columns of the widest strip a thread works through at a time.
+#ifndef MRKIT_STRIP_WIDTH
+#define MRKIT_STRIP_WIDTH 264
+#endif
+constexpr int kStripWidth = MRKIT_STRIP_WIDTH;
+
 // What every thread reads: sizes, sampling of the factor grid and aliased positions.
 struct Layout {
     int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
@@ -387,25 +393,37 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
     mrkit::parallel_blocks(L.fd0, [&](int begin, int end) {
         if (begin >= end) return;
         Chunk ch(L.slots, L.fd3);
-        // Grid columns of this thread's corners: the lower one of each x and the next. Rows y
-        // and y + 1 (and the same one plane on) are kept, across the thread's columns, so that
-        // the next row of folded voxels finds half of its corners there.
-        const int lo = L.xs[begin].lower, width = L.xs[end - 1].lower + 2 - lo;
-        FactorRows cache(L.factors, L.F0, L.V, lo, width, L.blocks, L.F2 > 1 ? 4 : 2);
+        // Grid columns of a strip's corners: the lower one of each x and the next. Rows y and
+        // y + 1 (and the same one plane on) are kept across the strip, so that the next row of
+        // folded voxels finds half of its corners there. Strips of at most kStripWidth columns
+        // bound that scratch whatever the image's width.
+        const int lo0 = L.xs[begin].lower;
+        FactorRows cache(L.factors, L.F0, L.V, std::min(L.xs[end - 1].lower + 2 - lo0, kStripWidth),
+                         L.blocks, L.F2 > 1 ? 4 : 2);
         const bool avx2 = mrkit::has_avx2();
-        // Row by row, each row in chunks: the folded volumes are read along their rows.
-        for (int y = 0; y < L.fd1; ++y)
-            for (int z = 0; z < L.fd2; ++z) {
-                Row row(L, y, z);
-                for (int x0 = begin; x0 < end; x0 += Chunk::kLength) {
-                    const int x1 = std::min(end, x0 + Chunk::kLength);
-                    find_signal(L, row, x0, x1, ch);
-                    if (ch.active == 0) continue;
-                    interpolate(L, row, lo, avx2, cache, ch);
-                    for (const Volume& vol : volumes)
-                        unfold_chunk(L, row, x0, x1, avx2, vol, ch, status);
+        // Folded rows longer than the output's reach into its next row, so that two voxels may
+        // write one sample; the one later in x order must win, as with x outermost. Then every
+        // strip is one x wide.
+        const bool overlaps = L.fd0 > L.N0;
+        for (int s0 = begin, s1; s0 < end; s0 = s1) {
+            const int lo = L.xs[s0].lower;
+            for (s1 = s0 + 1; s1 < end && !overlaps && L.xs[s1].lower + 2 - lo <= kStripWidth;)
+                ++s1;
+            cache.columns(lo, L.xs[s1 - 1].lower + 2 - lo);
+            // Row by row, each row in chunks: the folded volumes are read along their rows.
+            for (int y = 0; y < L.fd1; ++y)
+                for (int z = 0; z < L.fd2; ++z) {
+                    Row row(L, y, z);
+                    for (int x0 = s0; x0 < s1; x0 += Chunk::kLength) {
+                        const int x1 = std::min(s1, x0 + Chunk::kLength);
+                        find_signal(L, row, x0, x1, ch);
+                        if (ch.active == 0) continue;
+                        interpolate(L, row, lo, avx2, cache, ch);
+                        for (const Volume& vol : volumes)
+                            unfold_chunk(L, row, x0, x1, avx2, vol, ch, status);
+                    }
                 }
-            }
+        }
     });
     return status.load();
 }

@@ -80,6 +80,28 @@ TEST(SenseRecon, ExactForNonIntegerFactors) {
     EXPECT_LT(unfold_error("2.5 x 1.67 on 3-D", {12, 40, 10}, 16, 6, 8, {12, 40, 10}), 1e-3);
 }
 
+// Wide images are unfolded in strips of factor-grid columns, several per thread: exact, and the
+// same bits for any thread count although the strips then start at other columns. Maps twice as
+// fine as the image give strips of half as many voxels.
+TEST(SenseRecon, ImagesWiderThanAStrip) {
+    EXPECT_LT(unfold_error("600 x 32, R = 2", {600, 32, 1}, 16, 1, 4, {600, 32, 1}), 1e-3);
+    EXPECT_LT(unfold_error("300 x 40 with maps 600 x 40, R = 2.5", {300, 40, 1}, 16, 1, 4,
+                           {600, 40, 1}),
+              0.05);
+    const Dims full{700, 20, 1};
+    const Split img = make_object(full[0], full[1], full[2]);
+    const Split data = fold(img, 4, 8, 1);
+    const Split sens = make_maps(350, 20, 1, 4);
+    auto run = [&] {
+        Split out = make_output(data, full);
+        EXPECT_EQ(reconstruct(data, sens, full, out), 1);
+        return out;
+    };
+    const Split one = with_threads(1, run), two = with_threads(2, run);
+    EXPECT_TRUE(same_bits(one.re, two.re));
+    EXPECT_TRUE(same_bits(one.im, two.im));
+}
+
 TEST(SenseRecon, CoarseSensitivityMapsStillUnfoldSmoothData) {
     EXPECT_LT(
         unfold_error("maps 32 x 32, image 64 x 64, R = 2", {64, 64, 1}, 32, 1, 8, {32, 32, 1}),

@@ -12,6 +12,7 @@
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
 #include "support/sense_phantom.hpp"
+#include "support/threads.hpp"
 
 namespace {
 
@@ -88,6 +89,28 @@ TEST(Unfold, WithoutFoldingIsTheFactorWeightedCoilSum) {
     ASSERT_EQ(u.run(data, b, false), 1);
     EXPECT_EQ(0, std::memcmp(a.re.data(), b.re.data(), a.re.size() * sizeof(float)));
     EXPECT_EQ(0, std::memcmp(a.im.data(), b.im.data(), a.im.size() * sizeof(float)));
+}
+
+// Folded rows longer than the output's (sizes the caller got wrong) reach into the next output
+// row: folded (4, 0) lands on output (0, 1), which folded (0, 1) writes too. With one thread
+// the voxel later in x order is written last, whichever row it came from; out-of-range voxels
+// are skipped and reported.
+TEST(Unfold, FoldedRowsLongerThanTheOutputKeepTheLaterX) {
+    Unfold u{vec({6, 3, 1, 1}), vec({6, 3, 1, 1}), vec({4, 3, 1}), {}};
+    u.factors = Eigen::VectorXcd::Constant(18, cd(1.0, 0.0));
+    Split data({6, 3, 1, 1});
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 6; ++x) data.set(x + 6 * y, {float(x), float(y)});
+    Split out = output(4, 3, 1, -1.0f);
+    EXPECT_EQ(with_threads(1, [&] { return u.run(data, out); }), -1);  // (4, 2) and (5, 2)
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 4; ++x) {
+            // Folded (x + 4, y - 1) comes after (x, y) when it exists: x = 0, 1 and y >= 1.
+            const bool later = x < 2 && y >= 1;
+            const std::complex<float> expect = later ? std::complex<float>(x + 4.0f, y - 1.0f)
+                                                     : std::complex<float>(x, y);
+            EXPECT_EQ(out.at(x + 4 * y), expect) << x << ", " << y;
+        }
 }
 
 // Factors linear in the grid coordinates are reproduced exactly between grid samples: checks the
