@@ -130,30 +130,36 @@ struct CornerRuns {
 };
 
 #ifdef MRKIT_AVX2
-// CornerRuns::all for the voxels at `column` (a) and `column + 1` (b) of the same rows at once,
-// one in each half of a 256-bit register, each corner pair one load: lane by lane the same
-// products and sums (no fused multiply-add). Every voxel runs this one loop, in either half: a
-// variant for other columns could be compiled with the operands of a sum swapped and so pick
-// the other NaN of two.
+// CornerRuns::all for pairs of voxels at grid columns c and c + 1 of the same rows, one voxel in
+// each half of a 256-bit register, each corner pair one load: lane by lane the same products and
+// sums (no fused multiply-add). Pair p (those with `kind[p] == Corners`): column[p], weights
+// weightA[p] and weightB[p], entry e of the two voxels to out[p * outStride + 2 e] and the
+// complex after it. Every voxel with these corners runs this one loop: a variant could be
+// compiled with the operands of a sum swapped and so pick the other NaN of two.
 template <int Corners>
-__attribute__((target("avx2"))) void all_two_avx2(const cd* const* rows, int column, int stride,
-                                                  const double* weightA, const double* weightB,
-                                                  int count, cf* outA, cf* outB) {
-    const double* in[Corners];
-    __m256d w[Corners];
-    for (int k = 0; k < Corners; ++k) {
-        in[k] = reinterpret_cast<const double*>(rows[k >> 1] + column + (k & 1));
-        w[k] = _mm256_setr_pd(weightA[k], weightA[k], weightB[k], weightB[k]);
-    }
+__attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int stride, int count,
+                                                int pairs, const int* kind, const int* column,
+                                                const double* const* weightA,
+                                                const double* const* weightB, cf* out,
+                                                size_t outStride) {
     const size_t step = 2 * static_cast<size_t>(stride);
-    size_t at = 0;
-    for (int e = 0; e < count; ++e, at += step) {
-        __m256d sum = _mm256_mul_pd(_mm256_loadu_pd(in[0] + at), w[0]);
-        for (int k = 1; k < Corners; ++k)
-            sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(in[k] + at), w[k]));
-        const __m128 v = _mm256_cvtpd_ps(sum);
-        _mm_storel_pi(reinterpret_cast<__m64*>(outA + e), v);
-        _mm_storeh_pi(reinterpret_cast<__m64*>(outB + e), v);
+    for (int p = 0; p < pairs; ++p) {
+        if (kind[p] != Corners) continue;
+        const double* in[Corners];
+        __m256d w[Corners];
+        const double *wa = weightA[p], *wb = weightB[p];
+        for (int k = 0; k < Corners; ++k) {
+            in[k] = reinterpret_cast<const double*>(rows[k >> 1] + column[p] + (k & 1));
+            w[k] = _mm256_setr_pd(wa[k], wa[k], wb[k], wb[k]);
+        }
+        float* to = reinterpret_cast<float*>(out + p * outStride);
+        size_t at = 0;
+        for (int e = 0; e < count; ++e, at += step) {
+            __m256d sum = _mm256_mul_pd(_mm256_loadu_pd(in[0] + at), w[0]);
+            for (int k = 1; k < Corners; ++k)
+                sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(in[k] + at), w[k]));
+            _mm_storeu_ps(to + 4 * e, _mm256_cvtpd_ps(sum));
+        }
     }
 }
 #endif

@@ -300,6 +300,25 @@ __attribute__((target("avx2"))) inline __m256 broadcast_two(const cf* a, const c
         _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_movedup_pd(x)), _mm_movedup_pd(y), 1));
 }
 
+// The scalar last row of two matrices, as matrix_vector_sse2 does it. Out of line: inlined into
+// each kernel, its sums may be compiled with their operands swapped, which picks the other NaN of
+// two.
+__attribute__((noinline)) inline void last_row_two(const cf* Ma, Eigen::Index lda, const cf* Mb,
+                                                   Eigen::Index ldb, Eigen::Index cols,
+                                                   const cf* va, const cf* vb, Eigen::Index vstride,
+                                                   cf* ua, cf* ub) {
+    const cf one(1.0f, 0.0f);
+    cf a(0.0f), b(0.0f);
+    for (Eigen::Index j = 0; j < cols; ++j) {
+        a += Eigen::internal::pmul(Ma[j * lda], va[j * vstride]);
+        b += Eigen::internal::pmul(Mb[j * ldb], vb[j * vstride]);
+    }
+    *ua = cf(0.0f);
+    *ua += one * a;
+    *ub = cf(0.0f);
+    *ub += one * b;
+}
+
 // matrix_vector_sse2 for two matrices of the same shape (cols < 128) and their vectors at once:
 // the row pairs of both in one 256-bit register, lane by lane the same products and sums (the
 // same swizzles, no fused multiply-add), so that the two running sums advance side by side.
@@ -318,18 +337,29 @@ __attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
         _mm_storeu_ps(reinterpret_cast<float*>(ua + i), _mm256_castps256_ps128(u));
         _mm_storeu_ps(reinterpret_cast<float*>(ub + i), _mm256_extractf128_ps(u, 1));
     }
-    if (i < rows) {  // the scalar last row, as matrix_vector_sse2 does it
-        const cf one(1.0f, 0.0f);
-        cf a(0.0f), b(0.0f);
-        for (Eigen::Index j = 0; j < cols; ++j) {
-            a += Eigen::internal::pmul(Ma[i + j * lda], va[j * vstride]);
-            b += Eigen::internal::pmul(Mb[i + j * ldb], vb[j * vstride]);
-        }
-        ua[i] = cf(0.0f);
-        ua[i] += one * a;
-        ub[i] = cf(0.0f);
-        ub[i] += one * b;
+    if (i < rows) last_row_two(Ma + i, lda, Mb + i, ldb, cols, va, vb, vstride, ua + i, ub + i);
+}
+
+// matrix_vector_two_avx2 for two matrices interleaved, entry (i, j) of a at P[2 (i + j rows)]
+// and that of b after it, and the vectors of a and b side by side (v[j vstride], then b's). Row
+// pairs load as they lie, the vectors with one broadcast; the results go to U the same way.
+__attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
+    const cf* P, Eigen::Index rows, Eigen::Index cols, const cf* v, Eigen::Index vstride, cf* U) {
+    const __m256 alpha = _mm256_setr_ps(1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f);
+    Eigen::Index i = 0;
+    for (; i + 1 < rows; i += 2) {
+        __m256 c = _mm256_setzero_ps();
+        for (Eigen::Index j = 0; j < cols; ++j)
+            c = _mm256_add_ps(
+                pmul_avx2(_mm256_loadu_ps(reinterpret_cast<const float*>(P + 2 * (i + j * rows))),
+                          _mm256_broadcast_ps(reinterpret_cast<const __m128*>(v + j * vstride))),
+                c);
+        _mm256_storeu_ps(reinterpret_cast<float*>(U + 2 * i),
+                         _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps()));
     }
+    if (i < rows)
+        last_row_two(P + 2 * i, 2 * rows, P + 2 * i + 1, 2 * rows, cols, v, v + 1, vstride,
+                     U + 2 * i, U + 2 * i + 1);
 }
 #endif
 

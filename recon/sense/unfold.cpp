@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cmath>
 #include <complex>
+#include <type_traits>
 #include <vector>
 
 #include "recon/cpu.hpp"
@@ -140,7 +141,8 @@ struct Row {
 
 // One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased
 // positions carry signal, how each voxel's factors are read, its factor matrix M, and the coil
-// values.
+// values. Voxels with every position carrying signal and the usual corners (from kept rows) go
+// in pairs of neighbours (or alone) through the AVX2 loops; their two matrices are interleaved.
 struct Chunk {
     static constexpr int kLength = 64;
     const int slots, coils;
@@ -151,9 +153,14 @@ struct Chunk {
     std::vector<double> weight;  // 8 per voxel, of the corners from kept rows
     std::vector<int> ld;         // leading dimension of the voxel's M
     std::vector<cf> M;           // slots x coils per voxel, column-major
-    std::vector<cf> values;      // coil values of each x of the chunk
+    std::vector<cf> values;      // coil values of each x of the chunk (and one more)
     std::vector<cf> u, u2;       // results of one voxel, or of two
-    std::vector<cf> dropped;     // factors of a grid column no voxel asked for
+    // Pairs: the voxel's pair or -1; per pair its voxels (the second -1 when alone), corners,
+    // grid column, the two voxels' weights, interleaved matrices and results.
+    int pairs = 0;
+    std::vector<int> pairOf, first, second, kind, column;
+    std::vector<const double*> weightA, weightB;
+    std::vector<cf> P, U;
 
     Chunk(int s, int c)
         : slots(s),
@@ -165,14 +172,24 @@ struct Chunk {
           weight(static_cast<size_t>(kLength) * 8),
           ld(kLength),
           M(static_cast<size_t>(kLength) * s * c),
-          values(static_cast<size_t>(kLength) * c),
+          values(static_cast<size_t>(kLength) * c + 1),
           u(s),
           u2(s),
-          dropped(static_cast<size_t>(s) * c) {}
+          pairOf(kLength),
+          first(kLength),
+          second(kLength),
+          kind(kLength),
+          column(kLength),
+          weightA(kLength),
+          weightB(kLength),
+          P(static_cast<size_t>(kLength) * pair_stride()),
+          U(2 * static_cast<size_t>(s)) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
     double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
     cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
+    size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
+    cf* pair_matrix(int p) { return P.data() + p * pair_stride(); }
 };
 
 // Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
@@ -203,50 +220,73 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
     const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
     const int nearest = row.sz->nearest * L.plane + row.sy->nearest * L.F0;
+    // Corners as MR_linear_interpolation picks them for lower corner b = x's lower + rowBase;
+    // within a block, so the block bound (block + 1) * V leaves b + offset < V as the test: all
+    // eight below all8, one plane from from4 to below4, none when the blocks are not all there.
+    const bool blocks = static_cast<long>(n) * L.fd3 <= L.blocks;
+    const long rest = static_cast<long>(L.V) - row.rowBase;
+    const long all8 = blocks ? rest - L.F0 - 1 - L.plane : 0;
+    const long from4 = rest - L.plane, below4 = blocks ? rest - L.F0 - 1 : 0;
     ch.active = 0;
     for (int x = x0; x < x1; ++x) {
         const Sample& sx = L.xs[x];
         const cd* f = L.factors + nearest + sx.nearest;
         int* rows = ch.rows(ch.active);
         int valid = 0;
-        for (int m = 0; m < n; ++m, f += L.V)
-            rows[m] = (f->real() != 0.0 || f->imag() != 0.0) ? valid++ : -1;
+        for (int m = 0; m < n; ++m, f += L.V) {
+#if defined(__SSE2__)
+            // Either part non-zero (or not a number).
+            const bool signal =
+                _mm_movemask_pd(_mm_cmpneq_pd(_mm_loadu_pd(reinterpret_cast<const double*>(f)),
+                                              _mm_setzero_pd())) != 0;
+#else
+            const bool signal = f->real() != 0.0 || f->imag() != 0.0;
+#endif
+            rows[m] = signal ? valid++ : -1;
+        }
         if (valid == 0) continue;
         const int i = ch.active++;
         ch.x[i] = x;
         ch.valid[i] = valid;
-        // Corners as MR_linear_interpolation picks them; within a block, so the block bound
-        // (block + 1) * V leaves b + offset < V as the test.
-        const int b = sx.lower + row.rowBase;
-        int corners = b + L.F0 + 1 + L.plane < L.V               ? 8
-                      : b + L.plane >= L.V && b + L.F0 + 1 < L.V ? 4
-                                                                 : 0;
-        if (n * L.fd3 > L.blocks) corners = 0;
+        const int corners = sx.lower < all8 ? 8 : sx.lower >= from4 && sx.lower < below4 ? 4 : 0;
         ch.corners[i] = corners;
-        ch.ld[i] = valid == n && corners != 0 ? n : ch.slots;
         // Weight of corner k: (x weight * y weight) * z weight, each t or 1 - t.
         const double wx[2] = {1.0 - sx.fraction, sx.fraction};
         double* w = ch.weights(i);
-        for (int k = 0; k < corners; ++k) w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
+        const auto weigh = [&](auto count) {
+            for (int k = 0; k < count(); ++k)
+                w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
+        };
+        if (corners == 4)
+            weigh(std::integral_constant<int, 4>());
+        else if (corners == 8)
+            weigh(std::integral_constant<int, 8>());
     }
 }
 
 // M of every voxel with signal: from kept rows with every position carrying signal, all blocks
-// in order (n x coils, leading dimension n); otherwise the rows with signal only (leading
-// dimension slots).
+// in order (n x coils, leading dimension n, or interleaved with the pair's other voxel);
+// otherwise the rows with signal only (leading dimension slots).
 void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::FactorRows& cache,
                  Chunk& ch) {
     const int n = row.n, count = n * L.fd3, stride = cache.stride();
+    int kept = 0;  // corners whose rows are fetched
     const auto keep_rows = [&](int corners) {
+        if (corners <= kept) return;
+        kept = corners;
         for (int r = 0; r < corners / 2; ++r)
             if (!row.kept[r])
                 row.kept[r] = cache.row(row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0), count);
     };
+    ch.pairs = 0;
+    int kinds = 0;
     for (int i = 0; i < ch.active; ++i) {
+        ch.pairOf[i] = -1;
         const int corners = ch.corners[i];
         const int* rows = ch.rows(i);
         cf* out = ch.matrix(i);
         if (corners == 0) {
+            ch.ld[i] = ch.slots;
             const Sample& sx = L.xs[ch.x[i]];
             const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.plane, L.V, sx.fraction,
                                             row.sy->fraction, row.sz->fraction);
@@ -259,26 +299,25 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
         }
         keep_rows(corners);
         const int column = L.xs[ch.x[i]].lower - lo;
-#ifdef MRKIT_AVX2
-        // With the voxel at the next grid column, when that is the next voxel with signal at
-        // every position; otherwise that column's half is computed and dropped.
         if (avx2 && ch.valid[i] == n) {
-            const bool pair = i + 1 < ch.active && ch.corners[i + 1] == corners &&
-                              ch.valid[i + 1] == n && L.xs[ch.x[i + 1]].lower - lo == column + 1;
-            cf* outB = pair ? ch.matrix(i + 1) : ch.dropped.data();
-            const double* weightB = pair ? ch.weights(i + 1) : ch.weights(i);
-            if (corners == 4)
-                mrkit::sense::all_two_avx2<4>(row.kept, column, stride, ch.weights(i), weightB,
-                                              count, out, outB);
-            else
-                mrkit::sense::all_two_avx2<8>(row.kept, column, stride, ch.weights(i), weightB,
-                                              count, out, outB);
-            if (pair) ++i;
+            // With the next voxel when that is the neighbour in x and in grid columns and alike;
+            // otherwise the other half holds the next grid column's factors, unused.
+            const bool two = i + 1 < ch.active && ch.corners[i + 1] == corners &&
+                             ch.valid[i + 1] == n && ch.x[i + 1] == ch.x[i] + 1 &&
+                             L.xs[ch.x[i + 1]].lower - lo == column + 1;
+            const int p = ch.pairs++;
+            ch.first[p] = i;
+            ch.second[p] = two ? i + 1 : -1;
+            ch.kind[p] = corners;
+            ch.column[p] = column;
+            kinds |= corners;
+            ch.weightA[p] = ch.weights(i);
+            ch.weightB[p] = ch.weights(two ? i + 1 : i);
+            ch.pairOf[i] = p;
+            if (two) ch.pairOf[++i] = p;
             continue;
         }
-#else
-        (void)avx2;
-#endif
+        ch.ld[i] = ch.valid[i] == n ? n : ch.slots;
         const auto one = [&](const auto& runs) {
             if (ch.valid[i] == n) return runs.all(count, out);
             for (int c = 0; c < L.fd3; ++c)
@@ -291,6 +330,16 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
         else
             one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights(i)});
     }
+#ifdef MRKIT_AVX2
+    if (kinds & 4)
+        mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.kind.data(),
+                                    ch.column.data(), ch.weightA.data(), ch.weightB.data(),
+                                    ch.P.data(), ch.pair_stride());
+    if (kinds & 8)
+        mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.kind.data(),
+                                    ch.column.data(), ch.weightA.data(), ch.weightB.data(),
+                                    ch.P.data(), ch.pair_stride());
+#endif
 }
 
 // The chunk's voxels of one volume: u = M v per voxel, scattered to its aliased positions.
@@ -349,11 +398,69 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
             }
         }
     };
+    // Every voxel with signal is out of range when there are no coils (the folded offset
+    // reaches the end at once); otherwise none is.
+    if (!folded) {
+        if (ch.active > 0) status.store(-1, std::memory_order_relaxed);
+        return;
+    }
     const cf* values = ch.values_at(0);
+    // The two voxels of a pair: results interleaved in U, written two neighbours at a time.
+    const auto scatter_pair = [&](int p) {
+        const int i = ch.first[p], x = ch.x[i];
+        const bool two = ch.second[p] >= 0;
+        if (!inside) {
+            for (int m = 0; m < n; ++m) {
+                ch.u[m] = ch.U[2 * m];
+                ch.u2[m] = ch.U[2 * m + 1];
+            }
+            scatter(i, ch.u.data());
+            if (two) scatter(i + 1, ch.u2.data());
+            return;
+        }
+        for (int m = 0; m < n; ++m) {
+            float* re = vol.outRe + offset[m] + x;
+            float* im = vol.outIm + offset[m] + x;
+            if (!two) {
+                *re = ch.U[2 * m].real();
+                *im = ch.U[2 * m].imag();
+                continue;
+            }
+#if defined(__SSE2__)
+            const __m128 q = _mm_loadu_ps(reinterpret_cast<const float*>(ch.U.data() + 2 * m));
+            _mm_storel_pi(reinterpret_cast<__m64*>(re),
+                          _mm_shuffle_ps(q, q, _MM_SHUFFLE(2, 0, 2, 0)));
+            _mm_storel_pi(reinterpret_cast<__m64*>(im),
+                          _mm_shuffle_ps(q, q, _MM_SHUFFLE(3, 1, 3, 1)));
+#else
+            re[0] = ch.U[2 * m].real();
+            re[1] = ch.U[2 * m + 1].real();
+            im[0] = ch.U[2 * m].imag();
+            im[1] = ch.U[2 * m + 1].imag();
+#endif
+        }
+    };
     for (int i = 0; i < ch.active; ++i) {
         const int x = ch.x[i];
-        if (!folded && rowStart + x >= L.foldedTotal) {
-            status.store(-1, std::memory_order_relaxed);
+        if (const int p = ch.pairOf[i]; p >= 0) {
+            const cf* P = ch.pair_matrix(p);
+            const cf* v = values + (x - x0);
+#ifdef MRKIT_AVX2_PAIRS
+            if (n >= 2 && L.fd3 < 128) {
+                mrkit::small::matrix_vector_interleaved_avx2(P, n, L.fd3, v, Chunk::kLength,
+                                                             ch.U.data());
+                scatter_pair(p);
+                if (ch.second[p] >= 0) ++i;
+                continue;
+            }
+#endif
+            mrkit::small::matrix_vector(P, 2, n, L.fd3, v, Chunk::kLength, ch.u.data());
+            scatter(i, ch.u.data());
+            if (ch.second[p] >= 0) {
+                mrkit::small::matrix_vector(P + 1, 2, n, L.fd3, v + 1, Chunk::kLength,
+                                            ch.u2.data());
+                scatter(++i, ch.u2.data());
+            }
             continue;
         }
 #ifdef MRKIT_AVX2_PAIRS
@@ -361,8 +468,8 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         // neighbour goes through the same kernel paired with itself, so that which voxels pair
         // up (it depends on the threads' blocks) cannot change the bits, not even of a NaN.
         if (avx2 && L.fd3 < 128 && ch.valid[i] >= 2) {
-            const bool pair = i + 1 < ch.active && ch.valid[i + 1] == ch.valid[i] &&
-                              (folded || rowStart + ch.x[i + 1] < L.foldedTotal);
+            const bool pair =
+                i + 1 < ch.active && ch.pairOf[i + 1] < 0 && ch.valid[i + 1] == ch.valid[i];
             const int k = pair ? i + 1 : i;
             mrkit::small::matrix_vector_two_avx2(ch.matrix(i), ch.ld[i], ch.matrix(k), ch.ld[k],
                                                  ch.valid[i], L.fd3, values + (x - x0),

@@ -115,7 +115,7 @@ TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
 // The unfolding's coil product against the expression it replaces, u = M.topRows(rows) * v with
 // M allocated for more rows: one row (Eigen's inner product), odd row counts (a scalar last row),
 // more than 128 columns (blocks of columns), the vector's entries a stride apart; and two
-// products of one shape at once, where the processor has AVX2.
+// products of one shape at once, side by side or interleaved, where the processor has AVX2.
 TEST(SmallProducts, CoilProductBitIdenticalToEigen) {
     using cf = std::complex<float>;
     const auto same = [](const Eigen::VectorXcf& a, const Eigen::VectorXcf& b, int rows) {
@@ -158,6 +158,21 @@ TEST(SmallProducts, CoilProductBitIdenticalToEigen) {
         for (int k = 0; k < 2; ++k)
             ASSERT_TRUE(same(expected[k], got[k], rows))
                 << "pair " << k << ", rows " << rows << ", cols " << cols;
+
+        // The same two with matrices, vectors and results interleaved entry by entry.
+        std::vector<cf> P(2 * rows * cols), w(2 * cols * stride), U(2 * rows);
+        for (int j = 0; j < cols; ++j)
+            for (int k = 0; k < 2; ++k) {
+                for (int i = 0; i < rows; ++i) P[2 * (i + j * rows) + k] = M[k](i, j);
+                w[2 * j * stride + k] = xs[k](0, j);
+            }
+        mrkit::small::matrix_vector_interleaved_avx2(P.data(), rows, cols, w.data(), 2 * stride,
+                                                     U.data());
+        for (int k = 0; k < 2; ++k) {
+            for (int i = 0; i < rows; ++i) got[k][i] = U[2 * i + k];
+            ASSERT_TRUE(same(expected[k], got[k], rows))
+                << "interleaved " << k << ", rows " << rows << ", cols " << cols;
+        }
 #endif
     }
 }
