@@ -69,10 +69,7 @@ using mrkit::sense::cf;
 constexpr int kMaxSlots = 64;
 
 // Factor-grid columns of the widest strip a thread works through at a time.
-#ifndef MRKIT_STRIP_WIDTH
-#define MRKIT_STRIP_WIDTH 264
-#endif
-constexpr int kStripWidth = MRKIT_STRIP_WIDTH;
+constexpr int kStripWidth = 264;
 
 // What every thread reads: sizes, sampling of the factor grid and aliased positions.
 struct Layout {
@@ -153,7 +150,7 @@ struct Chunk {
     std::vector<double> weight;  // 8 per voxel, of the corners from kept rows
     std::vector<int> ld;         // leading dimension of the voxel's M
     std::vector<cf> M;           // slots x coils per voxel, column-major
-    std::vector<cf> values;      // coil values of each x of the chunk (and one more)
+    std::vector<cf> values;      // coil values of each x of the chunk, one spare at the end
     std::vector<cf> u, u2;       // results of one voxel, or of two
     // Pairs: the voxel's pair or -1; per pair its voxels (the second -1 when alone), corners,
     // grid column, the two voxels' weights, interleaved matrices and results.
@@ -444,6 +441,8 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         const int x = ch.x[i];
         if (const int p = ch.pairOf[i]; p >= 0) {
             const cf* P = ch.pair_matrix(p);
+            // The next x's values go with the second voxel; a voxel alone reads them unused (the
+            // spare entry when it is the chunk's last).
             const cf* v = values + (x - x0);
 #ifdef MRKIT_AVX2_PAIRS
             if (n >= 2 && L.fd3 < 128) {
