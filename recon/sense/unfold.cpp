@@ -352,8 +352,13 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         offset[m] = row.yList[m / nz] * L.N0 + row.zList[m % nz] * L.outPlane;
         inside = offset[m] + x1 - 1 < L.outTotal;
     }
+    // Every voxel with signal is out of range when there are no coils (the folded offset
+    // reaches the end at once); otherwise none is.
     const int rowStart = row.y * L.fd0 + row.z * L.slab;
-    const bool folded = rowStart + x1 - 1 < L.foldedTotal;
+    if (rowStart + x1 - 1 >= L.foldedTotal) {
+        if (ch.active > 0) status.store(-1, std::memory_order_relaxed);
+        return;
+    }
 
     // The chunk's coil values, coil by coil along the row, so that the coils' rows (a volume
     // apart) are not all read at once.
@@ -395,12 +400,6 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
             }
         }
     };
-    // Every voxel with signal is out of range when there are no coils (the folded offset
-    // reaches the end at once); otherwise none is.
-    if (!folded) {
-        if (ch.active > 0) status.store(-1, std::memory_order_relaxed);
-        return;
-    }
     const cf* values = ch.values_at(0);
     // The two voxels of a pair: results interleaved in U, written two neighbours at a time.
     const auto scatter_pair = [&](int p) {
