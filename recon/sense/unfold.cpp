@@ -190,13 +190,14 @@ struct Chunk {
           weightA(kLength),
           weightB(kLength),
           P(static_cast<size_t>(kLength) * pair_stride()),
-          U(2 * static_cast<size_t>(s)) {}
+          U(static_cast<size_t>(kLength) * 2 * s) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
     double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
     cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
     size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
     cf* pair_matrix(int p) { return P.data() + p * pair_stride(); }
+    cf* pair_result(int p) { return U.data() + static_cast<size_t>(p) * 2 * slots; }
 };
 
 // Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
@@ -356,6 +357,19 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
 #endif
 }
 
+#ifdef MRKIT_AVX2_PAIRS
+// The coil products of every pair of the chunk (n rows, fewer than 128 coils), one loop for all:
+// the next x's values go with the second voxel, and a voxel alone reads them unused (the spare
+// entry when it is the chunk's last).
+__attribute__((target("avx2"))) void pair_products_avx2(Chunk& ch, int n, int coils, int x0) {
+    const cf* values = ch.values_at(0);
+    for (int p = 0; p < ch.pairs; ++p)
+        mrkit::small::matrix_vector_interleaved_avx2(ch.pair_matrix(p), n, coils,
+                                                     values + (ch.x[ch.first[p]] - x0),
+                                                     Chunk::kLength, ch.pair_result(p));
+}
+#endif
+
 // The chunk's voxels of one volume: u = M v per voxel, scattered to its aliased positions.
 void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
                   const mrkit::sense::Volume& vol, Chunk& ch, std::atomic<int>& status) {
@@ -418,14 +432,15 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         }
     };
     const cf* values = ch.values_at(0);
-    // The two voxels of a pair: results interleaved in U, written two neighbours at a time.
+    // The two voxels of a pair: results interleaved, written two neighbours at a time.
     const auto scatter_pair = [&](int p) {
         const int i = ch.first[p], x = ch.x[i];
         const bool two = ch.second[p] >= 0;
+        const cf* U = ch.pair_result(p);
         if (!inside) {
             for (int m = 0; m < n; ++m) {
-                ch.u[m] = ch.U[2 * m];
-                ch.u2[m] = ch.U[2 * m + 1];
+                ch.u[m] = U[2 * m];
+                ch.u2[m] = U[2 * m + 1];
             }
             scatter(i, ch.u.data());
             if (two) scatter(i + 1, ch.u2.data());
@@ -435,40 +450,40 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
             float* re = vol.outRe + offset[m] + x;
             float* im = vol.outIm + offset[m] + x;
             if (!two) {
-                *re = ch.U[2 * m].real();
-                *im = ch.U[2 * m].imag();
+                *re = U[2 * m].real();
+                *im = U[2 * m].imag();
                 continue;
             }
 #if defined(__SSE2__)
-            const __m128 q = _mm_loadu_ps(reinterpret_cast<const float*>(ch.U.data() + 2 * m));
+            const __m128 q = _mm_loadu_ps(reinterpret_cast<const float*>(U + 2 * m));
             _mm_storel_pi(reinterpret_cast<__m64*>(re),
                           _mm_shuffle_ps(q, q, _MM_SHUFFLE(2, 0, 2, 0)));
             _mm_storel_pi(reinterpret_cast<__m64*>(im),
                           _mm_shuffle_ps(q, q, _MM_SHUFFLE(3, 1, 3, 1)));
 #else
-            re[0] = ch.U[2 * m].real();
-            re[1] = ch.U[2 * m + 1].real();
-            im[0] = ch.U[2 * m].imag();
-            im[1] = ch.U[2 * m + 1].imag();
+            re[0] = U[2 * m].real();
+            re[1] = U[2 * m + 1].real();
+            im[0] = U[2 * m].imag();
+            im[1] = U[2 * m + 1].imag();
 #endif
         }
     };
+    bool products = false;  // of the pairs, done
+#ifdef MRKIT_AVX2_PAIRS
+    if (ch.pairs > 0 && n >= 2 && L.fd3 < 128) {
+        pair_products_avx2(ch, n, L.fd3, x0);
+        products = true;
+    }
+#endif
     for (int i = 0; i < ch.active; ++i) {
         const int x = ch.x[i];
         if (const int p = ch.pairOf[i]; p >= 0) {
-            const cf* P = ch.pair_matrix(p);
-            // The next x's values go with the second voxel; a voxel alone reads them unused (the
-            // spare entry when it is the chunk's last).
-            const cf* v = values + (x - x0);
-#ifdef MRKIT_AVX2_PAIRS
-            if (n >= 2 && L.fd3 < 128) {
-                mrkit::small::matrix_vector_interleaved_avx2(P, n, L.fd3, v, Chunk::kLength,
-                                                             ch.U.data());
+            if (products) {
                 scatter_pair(p);
                 if (ch.second[p] >= 0) ++i;
                 continue;
             }
-#endif
+            const cf *P = ch.pair_matrix(p), *v = values + (x - x0);
             mrkit::small::matrix_vector(P, 2, n, L.fd3, v, Chunk::kLength, ch.u.data());
             scatter(i, ch.u.data());
             if (ch.second[p] >= 0) {
