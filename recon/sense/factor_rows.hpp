@@ -143,15 +143,18 @@ __attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int strid
                                                 const double* const* weightB, cf* out,
                                                 size_t outStride) {
     const size_t step = 2 * static_cast<size_t>(stride);
+    __m256d w[Corners] = {};
+    const double *wa = nullptr, *wb = nullptr;  // the weights in w
     for (int p = 0; p < pairs; ++p) {
         if (kind[p] != Corners) continue;
-        const double* in[Corners];
-        __m256d w[Corners];
-        const double *wa = weightA[p], *wb = weightB[p];
-        for (int k = 0; k < Corners; ++k) {
-            in[k] = reinterpret_cast<const double*>(rows[k >> 1] + column[p] + (k & 1));
-            w[k] = _mm256_setr_pd(wa[k], wa[k], wb[k], wb[k]);
+        if (weightA[p] != wa || weightB[p] != wb) {
+            wa = weightA[p];
+            wb = weightB[p];
+            for (int k = 0; k < Corners; ++k) w[k] = _mm256_setr_pd(wa[k], wa[k], wb[k], wb[k]);
         }
+        const double* in[Corners];
+        for (int k = 0; k < Corners; ++k)
+            in[k] = reinterpret_cast<const double*>(rows[k >> 1] + column[p] + (k & 1));
         float* to = reinterpret_cast<float*>(out + p * outStride);
         size_t at = 0;
         for (int e = 0; e < count; ++e, at += step) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cmath>
 #include <complex>
+#include <cstring>
 #include <type_traits>
 #include <vector>
 
@@ -76,6 +77,7 @@ struct Layout {
     int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
     int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
     std::vector<Sample> xs, ys, zs;
+    bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
@@ -103,6 +105,11 @@ struct Layout {
           xs(samples(fd0, F0, N0, nullptr)),
           ys(samples(fd1, F1, N1, yCompartments)),
           zs(samples(fd2, F2, N2, zCompartments)),
+          oneFraction(std::all_of(xs.begin(), xs.end(),
+                                  [&](const Sample& s) {
+                                      return std::memcmp(&s.fraction, &xs[0].fraction,
+                                                         sizeof(double)) == 0;
+                                  })),
           yAlias(N1, fd1),
           zAlias(N2, fd2),
           slots(yAlias.most * zAlias.most),
@@ -148,10 +155,12 @@ struct Chunk {
     std::vector<int> rowOf;      // slots per voxel: row of position m in M, or -1
     std::vector<int> corners;    // 4 or 8 from kept rows, 0 read from the factors as they lie
     std::vector<double> weight;  // 8 per voxel, of the corners from kept rows
-    std::vector<int> ld;         // leading dimension of the voxel's M
-    std::vector<cf> M;           // slots x coils per voxel, column-major
-    std::vector<cf> values;      // coil values of each x of the chunk, one spare at the end
-    std::vector<cf> u, u2;       // results of one voxel, or of two
+    double shared[8];            // the weights of every voxel, when they are alike
+    std::vector<const double*> weightOf;  // each voxel's weights: its own, or the shared ones
+    std::vector<int> ld;                  // leading dimension of the voxel's M
+    std::vector<cf> M;                    // slots x coils per voxel, column-major
+    std::vector<cf> values;  // coil values of each x of the chunk, one spare at the end
+    std::vector<cf> u, u2;   // results of one voxel, or of two
     // Pairs: the voxel's pair or -1; per pair its voxels (the second -1 when alone), corners,
     // grid column, the two voxels' weights, interleaved matrices and results.
     int pairs = 0;
@@ -167,6 +176,7 @@ struct Chunk {
           rowOf(static_cast<size_t>(kLength) * s),
           corners(kLength),
           weight(static_cast<size_t>(kLength) * 8),
+          weightOf(kLength),
           ld(kLength),
           M(static_cast<size_t>(kLength) * s * c),
           values(static_cast<size_t>(kLength) * c + 1),
@@ -180,13 +190,14 @@ struct Chunk {
           weightA(kLength),
           weightB(kLength),
           P(static_cast<size_t>(kLength) * pair_stride()),
-          U(2 * static_cast<size_t>(s)) {}
+          U(static_cast<size_t>(kLength) * 2 * s) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
     double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
     cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
     size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
     cf* pair_matrix(int p) { return P.data() + p * pair_stride(); }
+    cf* pair_result(int p) { return U.data() + static_cast<size_t>(p) * 2 * slots; }
 };
 
 // Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
@@ -208,6 +219,13 @@ inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
 }
 
+// Weight of corner k < count: (x weight * y weight) * z weight, each t or 1 - t.
+template <class Count>
+void weigh(Count count, const Sample& sx, const double* wy, const double* wz, double* w) {
+    const double wx[2] = {1.0 - sx.fraction, sx.fraction};
+    for (int k = 0; k < count(); ++k) w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
+}
+
 // Coil 0's factor at the nearest grid voxel says which positions carry signal; outside the
 // object this is the only work done. Lists the chunk's voxels with signal and how their corners
 // are read: from the kept rows when they are the usual four (one plane) or eight, otherwise, at
@@ -224,6 +242,8 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     const long rest = static_cast<long>(L.V) - row.rowBase;
     const long all8 = blocks ? rest - L.F0 - 1 - L.plane : 0;
     const long from4 = rest - L.plane, below4 = blocks ? rest - L.F0 - 1 : 0;
+    // Four corners use the first four weights of eight.
+    if (L.oneFraction) weigh(std::integral_constant<int, 8>(), L.xs[x0], wy, wz, ch.shared);
     ch.active = 0;
     for (int x = x0; x < x1; ++x) {
         const Sample& sx = L.xs[x];
@@ -247,17 +267,15 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
         ch.valid[i] = valid;
         const int corners = sx.lower < all8 ? 8 : sx.lower >= from4 && sx.lower < below4 ? 4 : 0;
         ch.corners[i] = corners;
-        // Weight of corner k: (x weight * y weight) * z weight, each t or 1 - t.
-        const double wx[2] = {1.0 - sx.fraction, sx.fraction};
-        double* w = ch.weights(i);
-        const auto weigh = [&](auto count) {
-            for (int k = 0; k < count(); ++k)
-                w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
-        };
-        if (corners == 4)
-            weigh(std::integral_constant<int, 4>());
-        else if (corners == 8)
-            weigh(std::integral_constant<int, 8>());
+        if (L.oneFraction) {
+            ch.weightOf[i] = ch.shared;
+        } else {
+            ch.weightOf[i] = ch.weights(i);
+            if (corners == 4)
+                weigh(std::integral_constant<int, 4>(), sx, wy, wz, ch.weights(i));
+            else if (corners == 8)
+                weigh(std::integral_constant<int, 8>(), sx, wy, wz, ch.weights(i));
+        }
     }
 }
 
@@ -308,8 +326,8 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
             ch.kind[p] = corners;
             ch.column[p] = column;
             kinds |= corners;
-            ch.weightA[p] = ch.weights(i);
-            ch.weightB[p] = ch.weights(two ? i + 1 : i);
+            ch.weightA[p] = ch.weightOf[i];
+            ch.weightB[p] = ch.weightOf[two ? i + 1 : i];
             ch.pairOf[i] = p;
             if (two) ch.pairOf[++i] = p;
             continue;
@@ -323,9 +341,9 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
                         out[rows[m] + static_cast<size_t>(c) * ch.slots] = runs.at(c * n + m);
         };
         if (corners == 4)
-            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights(i)});
+            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weightOf[i]});
         else
-            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights(i)});
+            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weightOf[i]});
     }
 #ifdef MRKIT_AVX2
     if (kinds & 4)
@@ -338,6 +356,19 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
                                     ch.P.data(), ch.pair_stride());
 #endif
 }
+
+#ifdef MRKIT_AVX2_PAIRS
+// The coil products of every pair of the chunk (n rows, fewer than 128 coils), one loop for all:
+// the next x's values go with the second voxel, and a voxel alone reads them unused (the spare
+// entry when it is the chunk's last).
+__attribute__((target("avx2"))) void pair_products_avx2(Chunk& ch, int n, int coils, int x0) {
+    const cf* values = ch.values_at(0);
+    for (int p = 0; p < ch.pairs; ++p)
+        mrkit::small::matrix_vector_interleaved_avx2(ch.pair_matrix(p), n, coils,
+                                                     values + (ch.x[ch.first[p]] - x0),
+                                                     Chunk::kLength, ch.pair_result(p));
+}
+#endif
 
 // The chunk's voxels of one volume: u = M v per voxel, scattered to its aliased positions.
 void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
@@ -401,14 +432,15 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         }
     };
     const cf* values = ch.values_at(0);
-    // The two voxels of a pair: results interleaved in U, written two neighbours at a time.
+    // The two voxels of a pair: results interleaved, written two neighbours at a time.
     const auto scatter_pair = [&](int p) {
         const int i = ch.first[p], x = ch.x[i];
         const bool two = ch.second[p] >= 0;
+        const cf* U = ch.pair_result(p);
         if (!inside) {
             for (int m = 0; m < n; ++m) {
-                ch.u[m] = ch.U[2 * m];
-                ch.u2[m] = ch.U[2 * m + 1];
+                ch.u[m] = U[2 * m];
+                ch.u2[m] = U[2 * m + 1];
             }
             scatter(i, ch.u.data());
             if (two) scatter(i + 1, ch.u2.data());
@@ -418,40 +450,40 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
             float* re = vol.outRe + offset[m] + x;
             float* im = vol.outIm + offset[m] + x;
             if (!two) {
-                *re = ch.U[2 * m].real();
-                *im = ch.U[2 * m].imag();
+                *re = U[2 * m].real();
+                *im = U[2 * m].imag();
                 continue;
             }
 #if defined(__SSE2__)
-            const __m128 q = _mm_loadu_ps(reinterpret_cast<const float*>(ch.U.data() + 2 * m));
+            const __m128 q = _mm_loadu_ps(reinterpret_cast<const float*>(U + 2 * m));
             _mm_storel_pi(reinterpret_cast<__m64*>(re),
                           _mm_shuffle_ps(q, q, _MM_SHUFFLE(2, 0, 2, 0)));
             _mm_storel_pi(reinterpret_cast<__m64*>(im),
                           _mm_shuffle_ps(q, q, _MM_SHUFFLE(3, 1, 3, 1)));
 #else
-            re[0] = ch.U[2 * m].real();
-            re[1] = ch.U[2 * m + 1].real();
-            im[0] = ch.U[2 * m].imag();
-            im[1] = ch.U[2 * m + 1].imag();
+            re[0] = U[2 * m].real();
+            re[1] = U[2 * m + 1].real();
+            im[0] = U[2 * m].imag();
+            im[1] = U[2 * m + 1].imag();
 #endif
         }
     };
+    bool products = false;  // of the pairs, done
+#ifdef MRKIT_AVX2_PAIRS
+    if (ch.pairs > 0 && n >= 2 && L.fd3 < 128) {
+        pair_products_avx2(ch, n, L.fd3, x0);
+        products = true;
+    }
+#endif
     for (int i = 0; i < ch.active; ++i) {
         const int x = ch.x[i];
         if (const int p = ch.pairOf[i]; p >= 0) {
-            const cf* P = ch.pair_matrix(p);
-            // The next x's values go with the second voxel; a voxel alone reads them unused (the
-            // spare entry when it is the chunk's last).
-            const cf* v = values + (x - x0);
-#ifdef MRKIT_AVX2_PAIRS
-            if (n >= 2 && L.fd3 < 128) {
-                mrkit::small::matrix_vector_interleaved_avx2(P, n, L.fd3, v, Chunk::kLength,
-                                                             ch.U.data());
+            if (products) {
                 scatter_pair(p);
                 if (ch.second[p] >= 0) ++i;
                 continue;
             }
-#endif
+            const cf *P = ch.pair_matrix(p), *v = values + (x - x0);
             mrkit::small::matrix_vector(P, 2, n, L.fd3, v, Chunk::kLength, ch.u.data());
             scatter(i, ch.u.data());
             if (ch.second[p] >= 0) {
