@@ -154,17 +154,17 @@ struct Chunk {
     std::vector<int> x, valid;   // their x and number of positions with signal
     std::vector<int> rowOf;      // slots per voxel: row of position m in M, or -1
     std::vector<int> corners;    // 4 or 8 from kept rows, 0 read from the factors as they lie
-    std::vector<double> weight;  // 8 per voxel, of the corners from kept rows
+    std::vector<double> weight;  // 8 per voxel, when the voxels' weights differ
     double shared[8];            // the weights of every voxel, when they are alike
     std::vector<const double*> weightOf;  // each voxel's weights: its own, or the shared ones
     std::vector<int> ld;                  // leading dimension of the voxel's M
     std::vector<cf> M;                    // slots x coils per voxel, column-major
     std::vector<cf> values;  // coil values of each x of the chunk, one spare at the end
     std::vector<cf> u, u2;   // results of one voxel, or of two
-    // Pairs: the voxel's pair or -1; per pair its voxels (the second -1 when alone), corners,
-    // grid column, the two voxels' weights, interleaved matrices and results.
+    // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
+    // corners, grid column, the two voxels' weights, interleaved matrices and results.
     int pairs = 0;
-    std::vector<int> pairOf, first, second, kind, column;
+    std::vector<int> pairOf, first, two, kind, column;
     std::vector<const double*> weightA, weightB;
     std::vector<cf> P, U;
 
@@ -184,7 +184,7 @@ struct Chunk {
           u2(s),
           pairOf(kLength),
           first(kLength),
-          second(kLength),
+          two(kLength),
           kind(kLength),
           column(kLength),
           weightA(kLength),
@@ -322,7 +322,7 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
                              L.xs[ch.x[i + 1]].lower - lo == column + 1;
             const int p = ch.pairs++;
             ch.first[p] = i;
-            ch.second[p] = two ? i + 1 : -1;
+            ch.two[p] = two;
             ch.kind[p] = corners;
             ch.column[p] = column;
             kinds |= corners;
@@ -435,7 +435,7 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
     // The two voxels of a pair: results interleaved, written two neighbours at a time.
     const auto scatter_pair = [&](int p) {
         const int i = ch.first[p], x = ch.x[i];
-        const bool two = ch.second[p] >= 0;
+        const bool two = ch.two[p];
         const cf* U = ch.pair_result(p);
         if (!inside) {
             for (int m = 0; m < n; ++m) {
@@ -480,13 +480,13 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         if (const int p = ch.pairOf[i]; p >= 0) {
             if (products) {
                 scatter_pair(p);
-                if (ch.second[p] >= 0) ++i;
+                if (ch.two[p]) ++i;
                 continue;
             }
             const cf *P = ch.pair_matrix(p), *v = values + (x - x0);
             mrkit::small::matrix_vector(P, 2, n, L.fd3, v, Chunk::kLength, ch.u.data());
             scatter(i, ch.u.data());
-            if (ch.second[p] >= 0) {
+            if (ch.two[p]) {
                 mrkit::small::matrix_vector(P + 1, 2, n, L.fd3, v + 1, Chunk::kLength,
                                             ch.u2.data());
                 scatter(++i, ch.u2.data());
