@@ -115,6 +115,13 @@ class FactorRows {
 #ifdef MRKIT_AVX2
         const __m256d zero = _mm256_setzero_pd();
         __m256d bad = zero;
+        for (; q + 4 <= n; q += 4) {
+            const __m256d a = _mm256_loadu_pd(from + 2 * q), b = _mm256_loadu_pd(from + 2 * q + 4);
+            _mm256_storeu_pd(to + 2 * q, a);
+            _mm256_storeu_pd(to + 2 * q + 4, b);
+            const __m256d s = _mm256_add_pd(_mm256_mul_pd(a, zero), _mm256_mul_pd(b, zero));
+            bad = _mm256_or_pd(bad, _mm256_cmp_pd(s, s, _CMP_UNORD_Q));
+        }
         for (; q + 2 <= n; q += 2) {
             const __m256d v = _mm256_loadu_pd(from + 2 * q);
             _mm256_storeu_pd(to + 2 * q, v);
@@ -226,9 +233,15 @@ __attribute__((target("avx2"))) inline void pairs_exact_avx2(const cd* row, int 
     for (int p = 0; p < pairs; ++p) {
         const double* in = reinterpret_cast<const double*>(row + column[p]);
         float* to = reinterpret_cast<float*>(out + p * outStride);
-        size_t at = 0;
-        for (int e = 0; e < count; ++e, at += step)
-            _mm_storeu_ps(to + 4 * e, _mm256_cvtpd_ps(_mm256_loadu_pd(in + at)));
+        int e = 0;
+        for (; e + 4 <= count; e += 4, in += 4 * step, to += 16) {
+            _mm_storeu_ps(to, _mm256_cvtpd_ps(_mm256_loadu_pd(in)));
+            _mm_storeu_ps(to + 4, _mm256_cvtpd_ps(_mm256_loadu_pd(in + step)));
+            _mm_storeu_ps(to + 8, _mm256_cvtpd_ps(_mm256_loadu_pd(in + 2 * step)));
+            _mm_storeu_ps(to + 12, _mm256_cvtpd_ps(_mm256_loadu_pd(in + 3 * step)));
+        }
+        for (; e < count; ++e, in += step, to += 4)
+            _mm_storeu_ps(to, _mm256_cvtpd_ps(_mm256_loadu_pd(in)));
     }
 }
 #endif
