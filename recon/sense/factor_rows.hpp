@@ -8,6 +8,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <complex>
 #include <cstring>
 #include <vector>
@@ -27,18 +28,22 @@ using cf = std::complex<float>;
 
 // Entry q of block k of a kept row is the factor at flat index row * F0 + lo + q of block k: a
 // run of at most `capacity` columns starting at column lo, blocks 0 .. blocks - 1, a few rows
-// (the least recently used goes).
+// (the least recently used goes). With `check`, each row also tells whether all its entries so
+// far are finite.
 class FactorRows {
   public:
-    FactorRows(const cd* factors, int F0, int V, int capacity, int blocks, int rows)
+    FactorRows(const cd* factors, int F0, int V, int capacity, int blocks, int rows,
+               bool check = false)
         : factors_(factors),
           F0_(F0),
           V_(V),
           // Padded past the run: a read one or two columns beyond it stays in the buffer.
           stride_((capacity + 3) / 4 * 4 + 4),
           blocks_(blocks),
+          check_(check),
           tag_(rows, -1),
           filled_(rows, 0),
+          finite_(rows, true),
           used_(rows, 0),
           data_(static_cast<size_t>(rows) * stride_ * blocks) {}
 
@@ -49,13 +54,16 @@ class FactorRows {
         std::fill(tag_.begin(), tag_.end(), -1);
     }
 
+    bool checked() const { return check_; }
+
     // Distance between the runs of two consecutive blocks.
     int stride() const { return stride_; }
 
     // Voxel q = 0 of block 0 of flat row `row`, with at least blocks 0 .. needed - 1 filled.
     // Entries whose flat index reaches the end of a block are never read (those corners drop out)
     // and are not filled.
-    const cd* row(int row, int needed) {
+    // With `finite`, that is cleared when the row (as checked) holds an entry not finite.
+    const cd* row(int row, int needed, bool* finite = nullptr) {
         int slot = 0;
         for (int s = 0; s < static_cast<int>(tag_.size()); ++s) {
             if (tag_[s] == row) {
@@ -67,26 +75,73 @@ class FactorRows {
         if (tag_[slot] != row) {
             tag_[slot] = row;
             filled_[slot] = 0;
+            finite_[slot] = true;
         }
         used_[slot] = ++clock_;
         cd* out = data_.data() + static_cast<size_t>(slot) * stride_ * blocks_;
-        if (filled_[slot] < needed) fill(out, row, filled_[slot], needed);
+        if (filled_[slot] < needed && !fill(out, row, filled_[slot], needed)) finite_[slot] = false;
         filled_[slot] = std::max(filled_[slot], needed);
+        if (finite && !finite_[slot]) *finite = false;
         return out;
     }
 
   private:
-    void fill(cd* out, int row, int from, int to) const {
+    bool fill(cd* out, int row, int from, int to) const {
         const long start = static_cast<long>(row) * F0_ + lo_;
         const long width = std::max<long>(0, std::min<long>(width_, V_ - start));
-        for (int k = from; k < to; ++k)
-            std::memcpy(static_cast<void*>(out + static_cast<size_t>(k) * stride_),
-                        factors_ + static_cast<size_t>(k) * V_ + start, width * sizeof(cd));
+        bool finite = true;
+        for (int k = from; k < to; ++k) {
+            const cd* in = factors_ + static_cast<size_t>(k) * V_ + start;
+            cd* to = out + static_cast<size_t>(k) * stride_;
+            if (!check_)
+                std::memcpy(static_cast<void*>(to), in, width * sizeof(cd));
+            else if (!copy_finite(in, width, to))
+                finite = false;
+        }
+        return finite;
+    }
+
+    // Copies n entries and tells whether every part is finite (one that is not gives a NaN times
+    // 0). The loop carries only an or, so that it keeps pace with the loads.
+#ifdef MRKIT_AVX2
+    __attribute__((target("avx2")))
+#endif
+    static bool
+    copy_finite(const cd* in, long n, cd* out) {
+        const double* from = reinterpret_cast<const double*>(in);
+        double* to = reinterpret_cast<double*>(out);
+        long q = 0;
+        bool finite = true;
+#ifdef MRKIT_AVX2
+        const __m256d zero = _mm256_setzero_pd();
+        __m256d bad = zero;
+        for (; q + 4 <= n; q += 4) {
+            const __m256d a = _mm256_loadu_pd(from + 2 * q), b = _mm256_loadu_pd(from + 2 * q + 4);
+            _mm256_storeu_pd(to + 2 * q, a);
+            _mm256_storeu_pd(to + 2 * q + 4, b);
+            const __m256d s = _mm256_add_pd(_mm256_mul_pd(a, zero), _mm256_mul_pd(b, zero));
+            bad = _mm256_or_pd(bad, _mm256_cmp_pd(s, s, _CMP_UNORD_Q));
+        }
+        for (; q + 2 <= n; q += 2) {
+            const __m256d v = _mm256_loadu_pd(from + 2 * q);
+            _mm256_storeu_pd(to + 2 * q, v);
+            const __m256d t = _mm256_mul_pd(v, zero);
+            bad = _mm256_or_pd(bad, _mm256_cmp_pd(t, t, _CMP_UNORD_Q));
+        }
+        finite = _mm256_movemask_pd(bad) == 0;
+#endif
+        for (; q < n; ++q) {
+            out[q] = in[q];
+            finite = finite && std::isfinite(in[q].real()) && std::isfinite(in[q].imag());
+        }
+        return finite;
     }
 
     const cd* factors_;
     int F0_, V_, lo_ = 0, width_ = 0, stride_, blocks_;
+    bool check_;
     std::vector<int> tag_, filled_;
+    std::vector<char> finite_;
     std::vector<long> used_;
     long clock_ = 0;
     std::vector<cd> data_;
@@ -163,6 +218,30 @@ __attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int strid
                 sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(in[k] + at), w[k]));
             _mm_storeu_ps(to + 4 * e, _mm256_cvtpd_ps(sum));
         }
+    }
+}
+
+// pairs_avx2 when every voxel samples the grid at its lower corner (all fractions 0) and the
+// corners' entries are finite: the other corners then add zeros to the lower corner's entry, so
+// the sum is that entry, only narrowed. Every pair, whatever its corners. (Only a -0 entry can
+// come out otherwise, as +0; no output shows the sign of a zero factor, since every coil product
+// is added to a zero at its end.)
+__attribute__((target("avx2"))) inline void pairs_exact_avx2(const cd* row, int stride, int count,
+                                                             int pairs, const int* column, cf* out,
+                                                             size_t outStride) {
+    const size_t step = 2 * static_cast<size_t>(stride);
+    for (int p = 0; p < pairs; ++p) {
+        const double* in = reinterpret_cast<const double*>(row + column[p]);
+        float* to = reinterpret_cast<float*>(out + p * outStride);
+        int e = 0;
+        for (; e + 4 <= count; e += 4, in += 4 * step, to += 16) {
+            _mm_storeu_ps(to, _mm256_cvtpd_ps(_mm256_loadu_pd(in)));
+            _mm_storeu_ps(to + 4, _mm256_cvtpd_ps(_mm256_loadu_pd(in + step)));
+            _mm_storeu_ps(to + 8, _mm256_cvtpd_ps(_mm256_loadu_pd(in + 2 * step)));
+            _mm_storeu_ps(to + 12, _mm256_cvtpd_ps(_mm256_loadu_pd(in + 3 * step)));
+        }
+        for (; e < count; ++e, in += step, to += 4)
+            _mm_storeu_ps(to, _mm256_cvtpd_ps(_mm256_loadu_pd(in)));
     }
 }
 #endif

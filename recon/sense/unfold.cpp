@@ -78,6 +78,7 @@ struct Layout {
     int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
     std::vector<Sample> xs, ys, zs;
     bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
+    bool onGrid;       // that fraction is 0
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
@@ -110,6 +111,7 @@ struct Layout {
                                       return std::memcmp(&s.fraction, &xs[0].fraction,
                                                          sizeof(double)) == 0;
                                   })),
+          onGrid(oneFraction && xs[0].fraction == 0.0),
           yAlias(N1, fd1),
           zAlias(N2, fd2),
           slots(yAlias.most * zAlias.most),
@@ -128,6 +130,8 @@ struct Row {
     int rowBase;  // flat factor index of the row's lower corner but for x
     int gridRow;  // row of that corner among the factor grid's F1 * F2 rows
     const cd* kept[4] = {nullptr, nullptr, nullptr, nullptr};  // corner rows, once fetched
+    bool finite = true;  // every entry of those rows, when the rows are checked
+    bool onGrid;         // every voxel of the row samples the grid at its lower corner
 
     Row(const Layout& L, int y_, int z_)
         : y(y_),
@@ -140,7 +144,8 @@ struct Row {
           sy(&L.ys[y_]),
           sz(&L.zs[z_]),
           rowBase(sy->lower * L.F0 + sz->lower * L.plane),
-          gridRow(sy->lower + sz->lower * L.F1) {}
+          gridRow(sy->lower + sz->lower * L.F1),
+          onGrid(L.onGrid && sy->fraction == 0.0 && sz->fraction == 0.0) {}
 };
 
 // One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased
@@ -291,7 +296,8 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
         kept = corners;
         for (int r = 0; r < corners / 2; ++r)
             if (!row.kept[r])
-                row.kept[r] = cache.row(row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0), count);
+                row.kept[r] =
+                    cache.row(row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0), count, &row.finite);
     };
     ch.pairs = 0;
     int kinds = 0;
@@ -346,6 +352,11 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
             one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weightOf[i]});
     }
 #ifdef MRKIT_AVX2
+    if (ch.pairs > 0 && cache.checked() && row.onGrid && row.finite) {
+        mrkit::sense::pairs_exact_avx2(row.kept[0], stride, count, ch.pairs, ch.column.data(),
+                                       ch.P.data(), ch.pair_stride());
+        return;
+    }
     if (kinds & 4)
         mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.kind.data(),
                                     ch.column.data(), ch.weightA.data(), ch.weightB.data(),
@@ -530,14 +541,14 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
     mrkit::parallel_blocks(L.fd0, [&](int begin, int end) {
         if (begin >= end) return;
         Chunk ch(L.slots, L.fd3);
+        const bool avx2 = mrkit::has_avx2();
         // Grid columns of a strip's corners: the lower one of each x and the next. Rows y and
         // y + 1 (and the same one plane on) are kept across the strip, so that the next row of
         // folded voxels finds half of its corners there. Strips of at most kStripWidth columns
         // bound that scratch whatever the image's width.
         const int lo0 = L.xs[begin].lower;
         FactorRows cache(L.factors, L.F0, L.V, std::min(L.xs[end - 1].lower + 2 - lo0, kStripWidth),
-                         L.blocks, L.F2 > 1 ? 4 : 2);
-        const bool avx2 = mrkit::has_avx2();
+                         L.blocks, L.F2 > 1 ? 4 : 2, L.onGrid && avx2);
         // Folded rows longer than the output's reach into its next row, so that two voxels may
         // write one sample; the one later in x order must win, as with x outermost. Then every
         // strip is one x wide.

@@ -175,3 +175,54 @@ TEST(Unfold, SharedCornersMatchTheToolkitInterpolation) {
                 }
     }
 }
+
+// When the folded voxels sample the factor grid at its own points (grid as large as the folded
+// image), a voxel's factors are its grid samples; yet the neighbours the interpolation weighs
+// with 0 still count when they are not finite (0 times infinity is not a number). One factor
+// made NaN must spoil exactly the voxels that have it as a corner (itself, the one before it in
+// x, and the two in the row before), and only the aliased position it belongs to; everything
+// else, though the rows around it take another route, must stay bit for bit the same.
+TEST(Unfold, OnTheGridANeighbourNotFiniteSpoilsOnlyItsVoxels) {
+    using namespace sense_phantom;
+    const int nx = 40, ny = 48, fy = 24, coils = 4, n = 2;
+    const Split maps = make_maps(nx, ny, 1, coils);
+    const Split data = fold(make_object(nx, ny, 1), coils, fy, 1);
+    Unfold u{vec({nx, fy, 1, coils}), vec({nx, fy, 1, n * coils}), vec({nx, ny, 1}), {}};
+    Eigen::Vector3f R(1.0f, float(ny) / float(fy), 1.0f);
+    u.factors = Eigen::VectorXcd::Zero(u.factorDims.prod());
+    Eigen::VectorXi sensDims = vec({nx, ny, 1, coils});
+    ASSERT_EQ(get_combination_factors(maps.re.data(), maps.im.data(), sensDims,
+                                      Eigen::MatrixXcd::Identity(coils, coils), R, 0.0,
+                                      Eigen::VectorXf(), u.factors, u.folded, u.full, u.yc, u.zc),
+              1);
+    ASSERT_TRUE(u.factors.allFinite());
+
+    // Coil 2 of aliased position 1 at grid (x0, y0); not coil 0, which decides the signal.
+    const int x0 = 17, y0 = 9, V = nx * fy;
+    Unfold spoilt = u;
+    spoilt.factors[x0 + nx * y0 + V * (2 * n + 1)] = std::numeric_limits<double>::quiet_NaN();
+
+    for (int threads : {1, 2}) {
+        Split clean = output(nx, ny, 1, 0.0f), dirty = output(nx, ny, 1, 0.0f);
+        ASSERT_EQ(with_threads(threads, [&] { return u.run(data, clean); }), 1);
+        ASSERT_EQ(with_threads(threads, [&] { return spoilt.run(data, dirty); }), 1);
+        std::vector<bool> spoiled(clean.size(), false);
+        Eigen::VectorXi list(n);
+        for (int y : {y0 - 1, y0})
+            for (int x : {x0 - 1, x0}) {
+                ASSERT_EQ(MR_get_unfolded_positions(ny, fy, y, list), n);
+                spoiled[x + nx * list[1]] = true;
+            }
+        for (size_t i = 0; i < clean.size(); ++i) {
+            ASSERT_FALSE(std::isnan(clean.re[i]) || std::isnan(clean.im[i])) << i;
+            if (spoiled[i]) {
+                EXPECT_TRUE(std::isnan(dirty.re[i]) && std::isnan(dirty.im[i]))
+                    << threads << ": " << i % nx << ", " << i / nx;
+                continue;
+            }
+            EXPECT_TRUE(std::memcmp(&clean.re[i], &dirty.re[i], sizeof(float)) == 0 &&
+                        std::memcmp(&clean.im[i], &dirty.im[i], sizeof(float)) == 0)
+                << threads << ": " << i % nx << ", " << i / nx;
+        }
+    }
+}
