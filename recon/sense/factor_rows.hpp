@@ -19,6 +19,9 @@
 #if defined(__SSE2__) && defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
 #define MRKIT_AVX2 1
+#define MRKIT_AVX2_TARGET __attribute__((target("avx2")))
+#else
+#define MRKIT_AVX2_TARGET
 #endif
 
 namespace mrkit::sense {
@@ -103,11 +106,7 @@ class FactorRows {
 
     // Copies n entries and tells whether every part is finite (one that is not gives a NaN times
     // 0). The loop carries only an or, so that it keeps pace with the loads.
-#ifdef MRKIT_AVX2
-    __attribute__((target("avx2")))
-#endif
-    static bool
-    copy_finite(const cd* in, long n, cd* out) {
+    MRKIT_AVX2_TARGET static bool copy_finite(const cd* in, long n, cd* out) {
         const double* from = reinterpret_cast<const double*>(in);
         double* to = reinterpret_cast<double*>(out);
         long q = 0;
