@@ -69,6 +69,13 @@ using mrkit::sense::cf;
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
 
+// Whether voxels whose positions all carry signal go in pairs: the pair kernels take fewer than
+// 128 coils (beyond, Eigen's product works in column blocks); a single position reads its half of
+// the interleaved matrix through a stride.
+inline bool paired(int n, int coils) {
+    return n == 1 || coils < 128;
+}
+
 // Factor-grid columns of the widest strip a thread works through at a time.
 constexpr int kStripWidth = 264;
 
@@ -162,8 +169,7 @@ struct Chunk {
     std::vector<double> weight;  // 8 per voxel, when the voxels' weights differ
     double shared[8];            // the weights of every voxel, when they are alike
     std::vector<const double*> weightOf;  // each voxel's weights: its own, or the shared ones
-    std::vector<int> ld;                  // leading dimension of the voxel's M
-    std::vector<cf> M;                    // slots x coils per voxel, column-major
+    std::vector<cf> M;       // n x coils per voxel, column-major, the rows with signal first
     std::vector<cf> values;  // coil values of each x of the chunk, one spare at the end
     std::vector<cf> u, u2;   // results of one voxel, or of two
     // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
@@ -182,7 +188,6 @@ struct Chunk {
           corners(kLength),
           weight(static_cast<size_t>(kLength) * 8),
           weightOf(kLength),
-          ld(kLength),
           M(static_cast<size_t>(kLength) * s * c),
           values(static_cast<size_t>(kLength) * c + 1),
           u(s),
@@ -284,9 +289,9 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     }
 }
 
-// M of every voxel with signal: from kept rows with every position carrying signal, all blocks
-// in order (n x coils, leading dimension n, or interleaved with the pair's other voxel);
-// otherwise the rows with signal only (leading dimension slots).
+// M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
+// (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
+// unused, as the product still takes them.
 void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::FactorRows& cache,
                  Chunk& ch) {
     const int n = row.n, count = n * L.fd3, stride = cache.stride();
@@ -307,20 +312,19 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
         const int* rows = ch.rows(i);
         cf* out = ch.matrix(i);
         if (corners == 0) {
-            ch.ld[i] = ch.slots;
             const Sample& sx = L.xs[ch.x[i]];
             const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.plane, L.V, sx.fraction,
                                             row.sy->fraction, row.sz->fraction);
             for (int c = 0; c < L.fd3; ++c)
                 for (int m = 0; m < n; ++m)
                     if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * ch.slots] =
+                        out[rows[m] + static_cast<size_t>(c) * n] =
                             narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
             continue;
         }
         keep_rows(corners);
         const int column = L.xs[ch.x[i]].lower - lo;
-        if (avx2 && ch.valid[i] == n) {
+        if (avx2 && ch.valid[i] == n && paired(n, L.fd3)) {
             // With the next voxel when that is the neighbour in x and in grid columns and alike;
             // otherwise the other half holds the next grid column's factors, unused.
             const bool two = i + 1 < ch.active && ch.corners[i + 1] == corners &&
@@ -338,13 +342,12 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
             if (two) ch.pairOf[++i] = p;
             continue;
         }
-        ch.ld[i] = ch.valid[i] == n ? n : ch.slots;
         const auto one = [&](const auto& runs) {
             if (ch.valid[i] == n) return runs.all(count, out);
             for (int c = 0; c < L.fd3; ++c)
                 for (int m = 0; m < n; ++m)
                     if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * ch.slots] = runs.at(c * n + m);
+                        out[rows[m] + static_cast<size_t>(c) * n] = runs.at(c * n + m);
         };
         if (corners == 4)
             one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weightOf[i]});
@@ -494,6 +497,7 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
                 if (ch.two[p]) ++i;
                 continue;
             }
+            // One position: entry c of each voxel's row every other complex.
             const cf *P = ch.pair_matrix(p), *v = values + (x - x0);
             mrkit::small::matrix_vector(P, 2, n, L.fd3, v, Chunk::kLength, ch.u.data());
             scatter(i, ch.u.data());
@@ -505,24 +509,23 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
             continue;
         }
 #ifdef MRKIT_AVX2_PAIRS
-        // Two voxels with as many positions with signal at once; a voxel without such a
-        // neighbour goes through the same kernel paired with itself, so that which voxels pair
-        // up (it depends on the threads' blocks) cannot change the bits, not even of a NaN.
-        if (avx2 && L.fd3 < 128 && ch.valid[i] >= 2) {
-            const bool pair =
-                i + 1 < ch.active && ch.pairOf[i + 1] < 0 && ch.valid[i + 1] == ch.valid[i];
+        // Two voxels at once, all n rows each (Eigen's product takes the unused rows too, which
+        // decides the bits of the used ones); a voxel without a neighbour goes through the same
+        // kernel paired with itself, so that which voxels pair up (it depends on the threads'
+        // blocks) cannot change the bits, not even of a NaN.
+        if (avx2 && L.fd3 < 128 && n >= 2) {
+            const bool pair = i + 1 < ch.active && ch.pairOf[i + 1] < 0;
             const int k = pair ? i + 1 : i;
-            mrkit::small::matrix_vector_two_avx2(ch.matrix(i), ch.ld[i], ch.matrix(k), ch.ld[k],
-                                                 ch.valid[i], L.fd3, values + (x - x0),
-                                                 values + (ch.x[k] - x0), Chunk::kLength,
-                                                 ch.u.data(), ch.u2.data());
+            mrkit::small::matrix_vector_two_avx2(ch.matrix(i), n, ch.matrix(k), n, n, L.fd3,
+                                                 values + (x - x0), values + (ch.x[k] - x0),
+                                                 Chunk::kLength, ch.u.data(), ch.u2.data());
             scatter(i, ch.u.data());
             if (pair) scatter(++i, ch.u2.data());
             continue;
         }
 #endif
-        mrkit::small::matrix_vector(ch.matrix(i), ch.ld[i], ch.valid[i], L.fd3, values + (x - x0),
-                                    Chunk::kLength, ch.u.data());
+        mrkit::small::matrix_vector(ch.matrix(i), n, n, L.fd3, values + (x - x0), Chunk::kLength,
+                                    ch.u.data());
         scatter(i, ch.u.data());
     }
 }
