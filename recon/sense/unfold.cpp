@@ -387,7 +387,7 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
 #ifdef MRKIT_AVX2_PAIRS
 // The coil products of every pair of the chunk (n rows, fewer than 128 coils), one loop for all:
 // the next x's values go with the second voxel, and a voxel alone reads them unused (the spare
-// entry when it is the chunk's last). Coils > 0 fixes their number at compile time.
+// entry when it is the chunk's last).
 template <int Coils, int Rows>
 __attribute__((target("avx2"))) void pair_products_avx2(Chunk& ch, int n, int coils, int x0) {
     const cf* values = ch.values_at(0);
