@@ -187,14 +187,15 @@ struct CornerRuns {
 // CornerRuns::all for pairs of voxels at grid columns c and c + 1 of the same rows, one voxel in
 // each half of a 256-bit register, each corner pair one load: lane by lane the same products and
 // sums (no fused multiply-add). Pair p (those with `kind[p] == Corners`): column[p], weights
-// weightA[p] and weightB[p], entry e of the two voxels to out[p * outStride + 2 e] and the
-// complex after it. Every voxel with these corners runs this one loop: a variant could be
-// compiled with the operands of a sum swapped and so pick the other NaN of two.
+// weightA[p] and weightB[p], entry e of the two voxels narrowed (and held widened, as the factors
+// read straight from kept rows are) to out[p * outStride + 2 e] and the complex after it. Every
+// voxel with these corners runs this one loop: a variant could be compiled with the operands of a
+// sum swapped and so pick the other NaN of two.
 template <int Corners>
 __attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int stride, int count,
                                                 int pairs, const int* kind, const int* column,
                                                 const double* const* weightA,
-                                                const double* const* weightB, cf* out,
+                                                const double* const* weightB, cd* out,
                                                 size_t outStride) {
     const size_t step = 2 * static_cast<size_t>(stride);
     __m256d w[Corners] = {};
@@ -209,38 +210,14 @@ __attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int strid
         const double* in[Corners];
         for (int k = 0; k < Corners; ++k)
             in[k] = reinterpret_cast<const double*>(rows[k >> 1] + column[p] + (k & 1));
-        float* to = reinterpret_cast<float*>(out + p * outStride);
+        double* to = reinterpret_cast<double*>(out + p * outStride);
         size_t at = 0;
         for (int e = 0; e < count; ++e, at += step) {
             __m256d sum = _mm256_mul_pd(_mm256_loadu_pd(in[0] + at), w[0]);
             for (int k = 1; k < Corners; ++k)
                 sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(in[k] + at), w[k]));
-            _mm_storeu_ps(to + 4 * e, _mm256_cvtpd_ps(sum));
+            _mm256_storeu_pd(to + 4 * e, _mm256_cvtps_pd(_mm256_cvtpd_ps(sum)));
         }
-    }
-}
-
-// pairs_avx2 when every voxel samples the grid at its lower corner (all fractions 0) and the
-// corners' entries are finite: the other corners then add zeros to the lower corner's entry, so
-// the sum is that entry, only narrowed. Every pair, whatever its corners. (Only a -0 entry can
-// come out otherwise, as +0; no output shows the sign of a zero factor, since every coil product
-// is added to a zero at its end.)
-__attribute__((target("avx2"))) inline void pairs_exact_avx2(const cd* row, int stride, int count,
-                                                             int pairs, const int* column, cf* out,
-                                                             size_t outStride) {
-    const size_t step = 2 * static_cast<size_t>(stride);
-    for (int p = 0; p < pairs; ++p) {
-        const double* in = reinterpret_cast<const double*>(row + column[p]);
-        float* to = reinterpret_cast<float*>(out + p * outStride);
-        int e = 0;
-        for (; e + 4 <= count; e += 4, in += 4 * step, to += 16) {
-            _mm_storeu_ps(to, _mm256_cvtpd_ps(_mm256_loadu_pd(in)));
-            _mm_storeu_ps(to + 4, _mm256_cvtpd_ps(_mm256_loadu_pd(in + step)));
-            _mm_storeu_ps(to + 8, _mm256_cvtpd_ps(_mm256_loadu_pd(in + 2 * step)));
-            _mm_storeu_ps(to + 12, _mm256_cvtpd_ps(_mm256_loadu_pd(in + 3 * step)));
-        }
-        for (; e < count; ++e, in += step, to += 4)
-            _mm_storeu_ps(to, _mm256_cvtpd_ps(_mm256_loadu_pd(in)));
     }
 }
 #endif

@@ -340,26 +340,45 @@ __attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
     if (i < rows) last_row_two(Ma + i, lda, Mb + i, ldb, cols, va, vb, vstride, ua + i, ub + i);
 }
 
-// matrix_vector_two_avx2 for two matrices interleaved, entry (i, j) of a at P[2 (i + j rows)]
-// and that of b after it, and the vectors of a and b side by side (v[j vstride], then b's). Row
-// pairs load as they lie, the vectors with one broadcast; the results go to U the same way.
+// The two complex<double> at p, narrowed.
+__attribute__((target("avx2"))) inline __m128 narrowed(const std::complex<double>* p) {
+    return _mm256_cvtpd_ps(_mm256_loadu_pd(reinterpret_cast<const double*>(p)));
+}
+
+// matrix_vector_two_avx2 (cols < 128) for two matrices interleaved and held in double precision:
+// entry (i, j) of a at P[(i + j rows) step], that of b after it, each narrowed as it is loaded (as
+// a matrix of complex<float> would hold it); the vectors of a and b side by side (v[j vstride],
+// then b's). The results go to U interleaved the same way. Cols and Rows > 0 fix the sizes at
+// compile time, so that the loops unroll.
+template <int Cols = 0, int Rows = 0>
 __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
-    const cf* P, Eigen::Index rows, Eigen::Index cols, const cf* v, Eigen::Index vstride, cf* U) {
+    const std::complex<double>* P, Eigen::Index step, Eigen::Index runtimeRows,
+    Eigen::Index runtimeCols, const cf* v, Eigen::Index vstride, cf* U) {
+    const Eigen::Index cols = Cols > 0 ? Cols : runtimeCols;
+    const Eigen::Index rows = Rows > 0 ? Rows : runtimeRows;
     const __m256 alpha = _mm256_setr_ps(1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f);
     Eigen::Index i = 0;
+    const Eigen::Index column = rows * step;  // from one column's entries to the next
     for (; i + 1 < rows; i += 2) {
         __m256 c = _mm256_setzero_ps();
-        for (Eigen::Index j = 0; j < cols; ++j)
+        const std::complex<double>* a = P + i * step;
+        for (Eigen::Index j = 0; j < cols; ++j, a += column)
             c = _mm256_add_ps(
-                pmul_avx2(_mm256_loadu_ps(reinterpret_cast<const float*>(P + 2 * (i + j * rows))),
+                pmul_avx2(_mm256_insertf128_ps(_mm256_castps128_ps256(narrowed(a)),
+                                               narrowed(a + step), 1),
                           _mm256_broadcast_ps(reinterpret_cast<const __m128*>(v + j * vstride))),
                 c);
         _mm256_storeu_ps(reinterpret_cast<float*>(U + 2 * i),
                          _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps()));
     }
-    if (i < rows)
-        last_row_two(P + 2 * i, 2 * rows, P + 2 * i + 1, 2 * rows, cols, v, v + 1, vstride,
-                     U + 2 * i, U + 2 * i + 1);
+    if (i < rows) {
+        // The last row of both, narrowed, through the scalar kernel every last row takes.
+        cf last[2 * (Cols > 0 ? Cols : 127)];
+        for (Eigen::Index j = 0; j < cols; ++j)
+            _mm_storeu_ps(reinterpret_cast<float*>(last + 2 * j),
+                          narrowed(P + (i + j * rows) * step));
+        last_row_two(last, 2, last + 1, 2, cols, v, v + 1, vstride, U + 2 * i, U + 2 * i + 1);
+    }
 }
 #endif
 

@@ -69,6 +69,13 @@ using mrkit::sense::cf;
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
 
+// Whether voxels whose positions all carry signal go in pairs: the pair kernels take fewer than
+// 128 coils (beyond, Eigen's product works in column blocks); a single position reads its half of
+// the interleaved matrix through a stride.
+inline bool paired(int n, int coils) {
+    return n == 1 || coils < 128;
+}
+
 // Factor-grid columns of the widest strip a thread works through at a time.
 constexpr int kStripWidth = 264;
 
@@ -162,16 +169,20 @@ struct Chunk {
     std::vector<double> weight;  // 8 per voxel, when the voxels' weights differ
     double shared[8];            // the weights of every voxel, when they are alike
     std::vector<const double*> weightOf;  // each voxel's weights: its own, or the shared ones
-    std::vector<int> ld;                  // leading dimension of the voxel's M
-    std::vector<cf> M;                    // slots x coils per voxel, column-major
+    std::vector<cf> M;       // n x coils per voxel, column-major, the rows with signal first
     std::vector<cf> values;  // coil values of each x of the chunk, one spare at the end
     std::vector<cf> u, u2;   // results of one voxel, or of two
     // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
-    // corners, grid column, the two voxels' weights, interleaved matrices and results.
+    // corners, grid column, the two voxels' weights, interleaved matrices and results. The
+    // matrices are held in double precision, so that they may also be read straight from a kept
+    // row (`grid`, entry e of pair p at grid[column[p] + e gridStep]) by the same kernel.
     int pairs = 0;
     std::vector<int> pairOf, first, two, kind, column;
     std::vector<const double*> weightA, weightB;
-    std::vector<cf> P, U;
+    std::vector<cd> P;
+    std::vector<cf> U;
+    const cd* grid = nullptr;
+    int gridStep = 0;
 
     Chunk(int s, int c)
         : slots(s),
@@ -182,7 +193,6 @@ struct Chunk {
           corners(kLength),
           weight(static_cast<size_t>(kLength) * 8),
           weightOf(kLength),
-          ld(kLength),
           M(static_cast<size_t>(kLength) * s * c),
           values(static_cast<size_t>(kLength) * c + 1),
           u(s),
@@ -201,7 +211,10 @@ struct Chunk {
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
     cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
     size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
-    cf* pair_matrix(int p) { return P.data() + p * pair_stride(); }
+    const cd* pair_matrix(int p) const {
+        return grid ? grid + column[p] : P.data() + p * pair_stride();
+    }
+    int pair_step() const { return grid ? gridStep : 2; }
     cf* pair_result(int p) { return U.data() + static_cast<size_t>(p) * 2 * slots; }
 };
 
@@ -284,9 +297,9 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     }
 }
 
-// M of every voxel with signal: from kept rows with every position carrying signal, all blocks
-// in order (n x coils, leading dimension n, or interleaved with the pair's other voxel);
-// otherwise the rows with signal only (leading dimension slots).
+// M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
+// (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
+// unused, as the product still takes them.
 void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::FactorRows& cache,
                  Chunk& ch) {
     const int n = row.n, count = n * L.fd3, stride = cache.stride();
@@ -300,6 +313,7 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
                     cache.row(row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0), count, &row.finite);
     };
     ch.pairs = 0;
+    ch.grid = nullptr;
     int kinds = 0;
     for (int i = 0; i < ch.active; ++i) {
         ch.pairOf[i] = -1;
@@ -307,20 +321,19 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
         const int* rows = ch.rows(i);
         cf* out = ch.matrix(i);
         if (corners == 0) {
-            ch.ld[i] = ch.slots;
             const Sample& sx = L.xs[ch.x[i]];
             const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.plane, L.V, sx.fraction,
                                             row.sy->fraction, row.sz->fraction);
             for (int c = 0; c < L.fd3; ++c)
                 for (int m = 0; m < n; ++m)
                     if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * ch.slots] =
+                        out[rows[m] + static_cast<size_t>(c) * n] =
                             narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
             continue;
         }
         keep_rows(corners);
         const int column = L.xs[ch.x[i]].lower - lo;
-        if (avx2 && ch.valid[i] == n) {
+        if (avx2 && ch.valid[i] == n && paired(n, L.fd3)) {
             // With the next voxel when that is the neighbour in x and in grid columns and alike;
             // otherwise the other half holds the next grid column's factors, unused.
             const bool two = i + 1 < ch.active && ch.corners[i + 1] == corners &&
@@ -338,13 +351,12 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
             if (two) ch.pairOf[++i] = p;
             continue;
         }
-        ch.ld[i] = ch.valid[i] == n ? n : ch.slots;
         const auto one = [&](const auto& runs) {
             if (ch.valid[i] == n) return runs.all(count, out);
             for (int c = 0; c < L.fd3; ++c)
                 for (int m = 0; m < n; ++m)
                     if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * ch.slots] = runs.at(c * n + m);
+                        out[rows[m] + static_cast<size_t>(c) * n] = runs.at(c * n + m);
         };
         if (corners == 4)
             one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weightOf[i]});
@@ -352,9 +364,13 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
             one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weightOf[i]});
     }
 #ifdef MRKIT_AVX2
+    // On the grid the weights but the lower corner's are 0, and with finite corners they add
+    // zeros: the factors are the lower corner's, read where they lie. (Only a -0 factor could come
+    // out otherwise, as +0; no output shows the sign of a zero factor, since every coil product is
+    // added to a zero at its end.)
     if (ch.pairs > 0 && cache.checked() && row.onGrid && row.finite) {
-        mrkit::sense::pairs_exact_avx2(row.kept[0], stride, count, ch.pairs, ch.column.data(),
-                                       ch.P.data(), ch.pair_stride());
+        ch.grid = row.kept[0];
+        ch.gridStep = stride;
         return;
     }
     if (kinds & 4)
@@ -372,12 +388,45 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
 // The coil products of every pair of the chunk (n rows, fewer than 128 coils), one loop for all:
 // the next x's values go with the second voxel, and a voxel alone reads them unused (the spare
 // entry when it is the chunk's last).
+template <int Coils, int Rows>
 __attribute__((target("avx2"))) void pair_products_avx2(Chunk& ch, int n, int coils, int x0) {
     const cf* values = ch.values_at(0);
+    const int step = ch.pair_step();
     for (int p = 0; p < ch.pairs; ++p)
-        mrkit::small::matrix_vector_interleaved_avx2(ch.pair_matrix(p), n, coils,
-                                                     values + (ch.x[ch.first[p]] - x0),
-                                                     Chunk::kLength, ch.pair_result(p));
+        mrkit::small::matrix_vector_interleaved_avx2<Coils, Rows>(
+            ch.pair_matrix(p), step, n, coils, values + (ch.x[ch.first[p]] - x0), Chunk::kLength,
+            ch.pair_result(p));
+}
+
+// The usual sizes unrolled (Coils and Rows > 0 fix them); every pair of a call, wherever its
+// matrix lies, takes the same code.
+template <int Coils>
+void pair_products(Chunk& ch, int n, int coils, int x0) {
+    switch (n) {
+        case 2:
+            return pair_products_avx2<Coils, 2>(ch, n, coils, x0);
+        case 3:
+            return pair_products_avx2<Coils, 3>(ch, n, coils, x0);
+        case 4:
+            return pair_products_avx2<Coils, 4>(ch, n, coils, x0);
+        default:
+            return pair_products_avx2<Coils, 0>(ch, n, coils, x0);
+    }
+}
+
+void pair_products(Chunk& ch, int n, int coils, int x0) {
+    switch (coils) {
+        case 8:
+            return pair_products<8>(ch, n, coils, x0);
+        case 12:
+            return pair_products<12>(ch, n, coils, x0);
+        case 16:
+            return pair_products<16>(ch, n, coils, x0);
+        case 32:
+            return pair_products<32>(ch, n, coils, x0);
+        default:
+            return pair_products<0>(ch, n, coils, x0);
+    }
 }
 #endif
 
@@ -482,7 +531,7 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
     bool products = false;  // of the pairs, done
 #ifdef MRKIT_AVX2_PAIRS
     if (ch.pairs > 0 && n >= 2 && L.fd3 < 128) {
-        pair_products_avx2(ch, n, L.fd3, x0);
+        pair_products(ch, n, L.fd3, x0);
         products = true;
     }
 #endif
@@ -494,35 +543,37 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
                 if (ch.two[p]) ++i;
                 continue;
             }
-            const cf *P = ch.pair_matrix(p), *v = values + (x - x0);
-            mrkit::small::matrix_vector(P, 2, n, L.fd3, v, Chunk::kLength, ch.u.data());
-            scatter(i, ch.u.data());
-            if (ch.two[p]) {
-                mrkit::small::matrix_vector(P + 1, 2, n, L.fd3, v + 1, Chunk::kLength,
-                                            ch.u2.data());
-                scatter(++i, ch.u2.data());
+            // One position (n = 1): each voxel's row narrowed into its own M.
+            const cd* P = ch.pair_matrix(p);
+            const size_t step = ch.pair_step();
+            for (int k = 0; k < (ch.two[p] ? 2 : 1); ++k) {
+                cf* M = ch.matrix(i + k);
+                for (int c = 0; c < L.fd3; ++c) M[c] = narrow(P[c * step + k]);
+                mrkit::small::matrix_vector(M, n, n, L.fd3, values + (x + k - x0), Chunk::kLength,
+                                            ch.u.data());
+                scatter(i + k, ch.u.data());
             }
+            if (ch.two[p]) ++i;
             continue;
         }
 #ifdef MRKIT_AVX2_PAIRS
-        // Two voxels with as many positions with signal at once; a voxel without such a
-        // neighbour goes through the same kernel paired with itself, so that which voxels pair
-        // up (it depends on the threads' blocks) cannot change the bits, not even of a NaN.
-        if (avx2 && L.fd3 < 128 && ch.valid[i] >= 2) {
-            const bool pair =
-                i + 1 < ch.active && ch.pairOf[i + 1] < 0 && ch.valid[i + 1] == ch.valid[i];
+        // Two voxels at once, all n rows each (Eigen's product takes the unused rows too, which
+        // decides the bits of the used ones); a voxel without a neighbour goes through the same
+        // kernel paired with itself, so that which voxels pair up (it depends on the threads'
+        // blocks) cannot change the bits, not even of a NaN.
+        if (avx2 && L.fd3 < 128 && n >= 2) {
+            const bool pair = i + 1 < ch.active && ch.pairOf[i + 1] < 0;
             const int k = pair ? i + 1 : i;
-            mrkit::small::matrix_vector_two_avx2(ch.matrix(i), ch.ld[i], ch.matrix(k), ch.ld[k],
-                                                 ch.valid[i], L.fd3, values + (x - x0),
-                                                 values + (ch.x[k] - x0), Chunk::kLength,
-                                                 ch.u.data(), ch.u2.data());
+            mrkit::small::matrix_vector_two_avx2(ch.matrix(i), n, ch.matrix(k), n, n, L.fd3,
+                                                 values + (x - x0), values + (ch.x[k] - x0),
+                                                 Chunk::kLength, ch.u.data(), ch.u2.data());
             scatter(i, ch.u.data());
             if (pair) scatter(++i, ch.u2.data());
             continue;
         }
 #endif
-        mrkit::small::matrix_vector(ch.matrix(i), ch.ld[i], ch.valid[i], L.fd3, values + (x - x0),
-                                    Chunk::kLength, ch.u.data());
+        mrkit::small::matrix_vector(ch.matrix(i), n, n, L.fd3, values + (x - x0), Chunk::kLength,
+                                    ch.u.data());
         scatter(i, ch.u.data());
     }
 }

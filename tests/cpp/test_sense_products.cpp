@@ -159,15 +159,21 @@ TEST(SmallProducts, CoilProductBitIdenticalToEigen) {
             ASSERT_TRUE(same(expected[k], got[k], rows))
                 << "pair " << k << ", rows " << rows << ", cols " << cols;
 
-        // The same two with matrices, vectors and results interleaved entry by entry.
-        std::vector<cf> P(2 * rows * cols), w(2 * cols * stride), U(2 * rows);
+        // The same two with matrices (widened, entries `step` apart), vectors and results
+        // interleaved entry by entry; also with the sizes fixed at compile time.
+        const int step = 2 + round % 2 * 3;
+        std::vector<cd> P(static_cast<size_t>(step) * rows * cols);
+        std::vector<cf> w(2 * cols * stride), U(2 * rows);
         for (int j = 0; j < cols; ++j)
             for (int k = 0; k < 2; ++k) {
-                for (int i = 0; i < rows; ++i) P[2 * (i + j * rows) + k] = M[k](i, j);
+                for (int i = 0; i < rows; ++i) P[step * (i + j * rows) + k] = cd(M[k](i, j));
                 w[2 * j * stride + k] = xs[k](0, j);
             }
-        mrkit::small::matrix_vector_interleaved_avx2(P.data(), rows, cols, w.data(), 2 * stride,
-                                                     U.data());
+        namespace sm = mrkit::small;
+        const auto kernel = cols == 8 && rows == 2   ? sm::matrix_vector_interleaved_avx2<8, 2>
+                            : cols == 8 && rows == 3 ? sm::matrix_vector_interleaved_avx2<8, 3>
+                                                     : sm::matrix_vector_interleaved_avx2<0, 0>;
+        kernel(P.data(), step, rows, cols, w.data(), 2 * stride, U.data());
         for (int k = 0; k < 2; ++k) {
             for (int i = 0; i < rows; ++i) got[k][i] = U[2 * i + k];
             ASSERT_TRUE(same(expected[k], got[k], rows))
