@@ -12,6 +12,12 @@
 #include <cstring>
 #include <type_traits>
 
+namespace mrkit::small {
+// From this many columns on, Eigen's matrix-vector product sums them in blocks; the paired AVX2
+// kernels below take fewer.
+constexpr int kBlockedColumns = 128;
+}  // namespace mrkit::small
+
 #if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
     !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
     !EIGEN_VERSION_AT_LEAST(3, 4, 90)
@@ -251,7 +257,8 @@ inline void matrix_vector_sse2(const cf* M, Eigen::Index ld, Eigen::Index rows, 
         return;
     }
     // The result starts at zero; the first column block adds to that zero.
-    const Eigen::Index block = cols < 128 ? cols : (ld * Eigen::Index(sizeof(cf)) < 32000 ? 16 : 4);
+    const Eigen::Index block =
+        cols < kBlockedColumns ? cols : (ld * Eigen::Index(sizeof(cf)) < 32000 ? 16 : 4);
     const Packet2 palpha = pset1<Packet2>(alpha), zero = pset1<Packet2>(cf(0.0f));
     for (Eigen::Index j2 = 0; j2 < cols; j2 += block) {
         const Eigen::Index jend = std::min(j2 + block, cols);
@@ -319,9 +326,9 @@ __attribute__((noinline)) inline void last_row_two(const cf* Ma, Eigen::Index ld
     *ub += one * b;
 }
 
-// matrix_vector_sse2 for two matrices of the same shape (cols < 128) and their vectors at once:
-// the row pairs of both in one 256-bit register, lane by lane the same products and sums (the
-// same swizzles, no fused multiply-add), so that the two running sums advance side by side.
+// matrix_vector_sse2 for two matrices of the same shape (cols < kBlockedColumns) and their vectors
+// at once: the row pairs of both in one 256-bit register, lane by lane the same products and sums
+// (the same swizzles, no fused multiply-add), so that the two running sums advance side by side.
 __attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
     const cf* Ma, Eigen::Index lda, const cf* Mb, Eigen::Index ldb, Eigen::Index rows,
     Eigen::Index cols, const cf* va, const cf* vb, Eigen::Index vstride, cf* ua, cf* ub) {
@@ -345,11 +352,11 @@ __attribute__((target("avx2"))) inline __m128 narrowed(const std::complex<double
     return _mm256_cvtpd_ps(_mm256_loadu_pd(reinterpret_cast<const double*>(p)));
 }
 
-// matrix_vector_two_avx2 (cols < 128) for two matrices interleaved and held in double precision:
-// entry (i, j) of a at P[(i + j rows) step], that of b after it, each narrowed as it is loaded (as
-// a matrix of complex<float> would hold it); the vectors of a and b side by side (v[j vstride],
-// then b's). The results go to U interleaved the same way. Cols and Rows > 0 fix the sizes at
-// compile time, so that the loops unroll.
+// matrix_vector_two_avx2 (cols < kBlockedColumns) for two matrices interleaved and held in double
+// precision: entry (i, j) of a at P[(i + j rows) step], that of b after it, each narrowed as it is
+// loaded (as a matrix of complex<float> would hold it); the vectors of a and b side by side (v[j
+// vstride], then b's). The results go to U interleaved the same way. Cols and Rows > 0 fix the
+// sizes at compile time, so that the loops unroll.
 template <int Cols = 0, int Rows = 0>
 __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
     const std::complex<double>* P, Eigen::Index step, Eigen::Index runtimeRows,
@@ -373,7 +380,7 @@ __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
     }
     if (i < rows) {
         // The last row of both, narrowed, through the scalar kernel every last row takes.
-        cf last[2 * (Cols > 0 ? Cols : 127)];
+        cf last[2 * (Cols > 0 ? Cols : kBlockedColumns - 1)];
         for (Eigen::Index j = 0; j < cols; ++j)
             _mm_storeu_ps(reinterpret_cast<float*>(last + 2 * j),
                           narrowed(P + (i + j * rows) * step));

@@ -70,10 +70,10 @@ using mrkit::sense::cf;
 constexpr int kMaxSlots = 64;
 
 // Whether voxels whose positions all carry signal go in pairs: the pair kernels take fewer than
-// 128 coils (beyond, Eigen's product works in column blocks); a single position reads its half of
-// the interleaved matrix through a stride.
+// kBlockedColumns coils; a single position reads its half of the interleaved matrix through a
+// stride.
 inline bool paired(int n, int coils) {
-    return n == 1 || coils < 128;
+    return n == 1 || coils < mrkit::small::kBlockedColumns;
 }
 
 // Factor-grid columns of the widest strip a thread works through at a time.
@@ -385,9 +385,9 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
 }
 
 #ifdef MRKIT_AVX2_PAIRS
-// The coil products of every pair of the chunk (n rows, fewer than 128 coils), one loop for all:
-// the next x's values go with the second voxel, and a voxel alone reads them unused (the spare
-// entry when it is the chunk's last).
+// The coil products of every pair of the chunk (n rows, fewer than kBlockedColumns coils), one
+// loop for all: the next x's values go with the second voxel, and a voxel alone reads them unused
+// (the spare entry when it is the chunk's last).
 template <int Coils, int Rows>
 __attribute__((target("avx2"))) void pair_products_avx2(Chunk& ch, int n, int coils, int x0) {
     const cf* values = ch.values_at(0);
@@ -530,7 +530,7 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
     };
     bool products = false;  // of the pairs, done
 #ifdef MRKIT_AVX2_PAIRS
-    if (ch.pairs > 0 && n >= 2 && L.fd3 < 128) {
+    if (ch.pairs > 0 && n >= 2) {  // the pairs take fewer than kBlockedColumns coils
         pair_products(ch, n, L.fd3, x0);
         products = true;
     }
@@ -561,7 +561,7 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         // decides the bits of the used ones); a voxel without a neighbour goes through the same
         // kernel paired with itself, so that which voxels pair up (it depends on the threads'
         // blocks) cannot change the bits, not even of a NaN.
-        if (avx2 && L.fd3 < 128 && n >= 2) {
+        if (avx2 && L.fd3 < mrkit::small::kBlockedColumns && n >= 2) {
             const bool pair = i + 1 < ch.active && ch.pairOf[i + 1] < 0;
             const int k = pair ? i + 1 : i;
             mrkit::small::matrix_vector_two_avx2(ch.matrix(i), n, ch.matrix(k), n, n, L.fd3,
