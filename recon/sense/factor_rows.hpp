@@ -186,25 +186,27 @@ struct CornerRuns {
 #ifdef MRKIT_AVX2
 // CornerRuns::all for pairs of voxels at grid columns c and c + 1 of the same rows, one voxel in
 // each half of a 256-bit register, each corner pair one load: lane by lane the same products and
-// sums (no fused multiply-add). Pair p (those with `kind[p] == Corners`): column[p], weights
-// weightA[p] and weightB[p], entry e of the two voxels narrowed (and held widened, as the factors
+// sums (no fused multiply-add). Pair p (those whose first voxel i = first[p] has
+// `corners[i] == Corners`): column[p], the weights weightOf[i] and, when two[p], weightOf[i + 1]
+// (else weightOf[i] again), entry e of the two voxels narrowed (and held widened, as the factors
 // read straight from kept rows are) to out[p * outStride + 2 e] and the complex after it. Every
 // voxel with these corners runs this one loop: a variant could be compiled with the operands of a
 // sum swapped and so pick the other NaN of two.
 template <int Corners>
 __attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int stride, int count,
-                                                int pairs, const int* kind, const int* column,
-                                                const double* const* weightA,
-                                                const double* const* weightB, cd* out,
+                                                int pairs, const int* first, const int* two,
+                                                const int* corners, const int* column,
+                                                const double* const* weightOf, cd* out,
                                                 size_t outStride) {
     const size_t step = 2 * static_cast<size_t>(stride);
     __m256d w[Corners] = {};
     const double *wa = nullptr, *wb = nullptr;  // the weights in w
     for (int p = 0; p < pairs; ++p) {
-        if (kind[p] != Corners) continue;
-        if (weightA[p] != wa || weightB[p] != wb) {
-            wa = weightA[p];
-            wb = weightB[p];
+        const int i = first[p];
+        if (corners[i] != Corners) continue;
+        if (weightOf[i] != wa || weightOf[two[p] ? i + 1 : i] != wb) {
+            wa = weightOf[i];
+            wb = weightOf[two[p] ? i + 1 : i];
             for (int k = 0; k < Corners; ++k) w[k] = _mm256_setr_pd(wa[k], wa[k], wb[k], wb[k]);
         }
         const double* in[Corners];

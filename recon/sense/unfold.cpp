@@ -173,12 +173,11 @@ struct Chunk {
     std::vector<cf> values;  // coil values of each x of the chunk, one spare at the end
     std::vector<cf> u, u2;   // results of one voxel, or of two
     // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
-    // corners, grid column, the two voxels' weights, interleaved matrices and results. The
+    // grid column, interleaved matrices and results. The
     // matrices are held in double precision, so that they may also be read straight from a kept
     // row (`grid`, entry e of pair p at grid[column[p] + e gridStep]) by the same kernel.
     int pairs = 0;
-    std::vector<int> pairOf, first, two, kind, column;
-    std::vector<const double*> weightA, weightB;
+    std::vector<int> pairOf, first, two, column;
     std::vector<cd> P;
     std::vector<cf> U;
     const cd* grid = nullptr;
@@ -200,10 +199,7 @@ struct Chunk {
           pairOf(kLength),
           first(kLength),
           two(kLength),
-          kind(kLength),
           column(kLength),
-          weightA(kLength),
-          weightB(kLength),
           P(static_cast<size_t>(kLength) * pair_stride()),
           U(static_cast<size_t>(kLength) * 2 * s) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
@@ -342,11 +338,8 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
             const int p = ch.pairs++;
             ch.first[p] = i;
             ch.two[p] = two;
-            ch.kind[p] = corners;
             ch.column[p] = column;
             kinds |= corners;
-            ch.weightA[p] = ch.weightOf[i];
-            ch.weightB[p] = ch.weightOf[two ? i + 1 : i];
             ch.pairOf[i] = p;
             if (two) ch.pairOf[++i] = p;
             continue;
@@ -374,13 +367,13 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
         return;
     }
     if (kinds & 4)
-        mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.kind.data(),
-                                    ch.column.data(), ch.weightA.data(), ch.weightB.data(),
-                                    ch.P.data(), ch.pair_stride());
+        mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.first.data(),
+                                    ch.two.data(), ch.corners.data(), ch.column.data(),
+                                    ch.weightOf.data(), ch.P.data(), ch.pair_stride());
     if (kinds & 8)
-        mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.kind.data(),
-                                    ch.column.data(), ch.weightA.data(), ch.weightB.data(),
-                                    ch.P.data(), ch.pair_stride());
+        mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.first.data(),
+                                    ch.two.data(), ch.corners.data(), ch.column.data(),
+                                    ch.weightOf.data(), ch.P.data(), ch.pair_stride());
 #endif
 }
 
