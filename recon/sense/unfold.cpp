@@ -69,11 +69,16 @@ using mrkit::sense::cf;
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
 
-// Whether voxels whose positions all carry signal go in pairs: the pair kernels take fewer than
-// kBlockedColumns coils; a single position reads its half of the interleaved matrix through a
-// stride.
+// Whether voxels whose positions all carry signal go in pairs: the pair kernels (when built) take
+// fewer than kBlockedColumns coils; a single position reads its half of the interleaved matrix
+// through a stride.
 inline bool paired(int n, int coils) {
+#ifdef MRKIT_AVX2_PAIRS
     return n == 1 || coils < mrkit::small::kBlockedColumns;
+#else
+    (void)coils;
+    return n == 1;
+#endif
 }
 
 // Factor-grid columns of the widest strip a thread works through at a time.
