@@ -347,6 +347,12 @@ __attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
     if (i < rows) last_row_two(Ma + i, lda, Mb + i, ldb, cols, va, vb, vstride, ua + i, ub + i);
 }
 
+// The complex products a b of two lanes, parts as the scalar complex product forms them.
+__attribute__((target("avx2"))) inline __m128 lanes_times(__m128 a, __m128 b) {
+    return _mm_addsub_ps(_mm_mul_ps(_mm_moveldup_ps(a), b),
+                         _mm_mul_ps(_mm_movehdup_ps(a), _mm_shuffle_ps(b, b, 0xB1)));
+}
+
 // The two complex<double> at p, narrowed.
 __attribute__((target("avx2"))) inline __m128 narrowed(const std::complex<double>* p) {
     return _mm256_cvtpd_ps(_mm256_loadu_pd(reinterpret_cast<const double*>(p)));
@@ -379,7 +385,22 @@ __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
                          _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps()));
     }
     if (i < rows) {
-        // The last row of both, narrowed, through the scalar kernel every last row takes.
+        // The last row of both side by side with last_row_two's products (a.re b.re - a.im b.im,
+        // a.re b.im + a.im b.re) and sums. Its complex product treats one whose parts are both
+        // NaN apart, so a NaN anywhere sends the row through last_row_two itself; otherwise every
+        // step had the same operands and so the same result.
+        __m128 sum = _mm_setzero_ps();
+        const std::complex<double>* a = P + i * step;
+        for (Eigen::Index j = 0; j < cols; ++j, a += column)
+            sum = _mm_add_ps(
+                sum, lanes_times(narrowed(a),
+                                 _mm_loadu_ps(reinterpret_cast<const float*>(v + j * vstride))));
+        const __m128 u =
+            _mm_add_ps(_mm_setzero_ps(), lanes_times(_mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f), sum));
+        if (_mm_movemask_ps(_mm_cmpunord_ps(u, u)) == 0) {
+            _mm_storeu_ps(reinterpret_cast<float*>(U + 2 * i), u);
+            return;
+        }
         cf last[2 * (Cols > 0 ? Cols : kBlockedColumns - 1)];
         for (Eigen::Index j = 0; j < cols; ++j)
             _mm_storeu_ps(reinterpret_cast<float*>(last + 2 * j),
