@@ -187,16 +187,16 @@ struct CornerRuns {
 // CornerRuns::all for pairs of voxels at grid columns c and c + 1 of the same rows, one voxel in
 // each half of a 256-bit register, each corner pair one load: lane by lane the same products and
 // sums (no fused multiply-add). Pair p (those whose first voxel i = first[p] has
-// `corners[i] == Corners`): column[p], the weights weightOf[i] and, when two[p], weightOf[i + 1]
-// (else weightOf[i] again), entry e of the two voxels narrowed (and held widened, as the factors
-// read straight from kept rows are) to out[p * outStride + 2 e] and the complex after it. Every
-// voxel with these corners runs this one loop: a variant could be compiled with the operands of a
-// sum swapped and so pick the other NaN of two.
+// `corners[i] == Corners`): column[p], voxel i's weights at weights + i weightStep and, when
+// two[p], voxel i + 1's (else voxel i's again), entry e of the two voxels narrowed (and held
+// widened, as the factors read straight from kept rows are) to out[p * outStride + 2 e] and the
+// complex after it. Every voxel with these corners runs this one loop: a variant could be compiled
+// with the operands of a sum swapped and so pick the other NaN of two.
 template <int Corners>
 __attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int stride, int count,
                                                 int pairs, const int* first, const int* two,
                                                 const int* corners, const int* column,
-                                                const double* const* weightOf, cd* out,
+                                                const double* weights, int weightStep, cd* out,
                                                 size_t outStride) {
     const size_t step = 2 * static_cast<size_t>(stride);
     __m256d w[Corners] = {};
@@ -204,9 +204,11 @@ __attribute__((target("avx2"))) void pairs_avx2(const cd* const* rows, int strid
     for (int p = 0; p < pairs; ++p) {
         const int i = first[p];
         if (corners[i] != Corners) continue;
-        if (weightOf[i] != wa || weightOf[two[p] ? i + 1 : i] != wb) {
-            wa = weightOf[i];
-            wb = weightOf[two[p] ? i + 1 : i];
+        const double* a = weights + static_cast<size_t>(i) * weightStep;
+        const double* b = two[p] ? a + weightStep : a;
+        if (a != wa || b != wb) {
+            wa = a;
+            wb = b;
             for (int k = 0; k < Corners; ++k) w[k] = _mm256_setr_pd(wa[k], wa[k], wb[k], wb[k]);
         }
         const double* in[Corners];

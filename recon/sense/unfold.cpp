@@ -91,6 +91,7 @@ struct Layout {
     std::vector<Sample> xs, ys, zs;
     bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
     bool onGrid;       // that fraction is 0
+    bool unitColumns;  // each x's lower grid column is the one after the previous x's
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
@@ -124,6 +125,10 @@ struct Layout {
                                                          sizeof(double)) == 0;
                                   })),
           onGrid(oneFraction && xs[0].fraction == 0.0),
+          unitColumns(std::adjacent_find(xs.begin(), xs.end(),
+                                         [](const Sample& a, const Sample& b) {
+                                             return b.lower != a.lower + 1;
+                                         }) == xs.end()),
           yAlias(N1, fd1),
           zAlias(N2, fd2),
           slots(yAlias.most * zAlias.most),
@@ -168,15 +173,18 @@ struct Chunk {
     static constexpr int kLength = 64;
     const int slots, coils;
     int active = 0;              // voxels with signal, in x order
+    int full = 0;                // of them, with signal at every position
+    int uniform = -1;            // the corners of every voxel, when alike and read from kept rows
+    bool dense = false;          // every voxel in a pair, pair p of voxels 2p and 2p + 1
     std::vector<int> x, valid;   // their x and number of positions with signal
     std::vector<int> rowOf;      // slots per voxel: row of position m in M, or -1
     std::vector<int> corners;    // 4 or 8 from kept rows, 0 read from the factors as they lie
     std::vector<double> weight;  // 8 per voxel, when the voxels' weights differ
     double shared[8];            // the weights of every voxel, when they are alike
-    std::vector<const double*> weightOf;  // each voxel's weights: its own, or the shared ones
-    std::vector<cf> M;       // n x coils per voxel, column-major, the rows with signal first
-    std::vector<cf> values;  // coil values of each x of the chunk, one spare at the end
-    std::vector<cf> u, u2;   // results of one voxel, or of two
+    bool sharedWeights = false;  // they are
+    std::vector<cf> M;           // n x coils per voxel, column-major, the rows with signal first
+    std::vector<cf> values;      // coil values of each x of the chunk, one spare at the end
+    std::vector<cf> u, u2;       // results of one voxel, or of two
     // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
     // grid column, interleaved matrices and results. The
     // matrices are held in double precision, so that they may also be read straight from a kept
@@ -196,7 +204,6 @@ struct Chunk {
           rowOf(static_cast<size_t>(kLength) * s),
           corners(kLength),
           weight(static_cast<size_t>(kLength) * 8),
-          weightOf(kLength),
           M(static_cast<size_t>(kLength) * s * c),
           values(static_cast<size_t>(kLength) * c + 1),
           u(s),
@@ -209,6 +216,7 @@ struct Chunk {
           U(static_cast<size_t>(kLength) * 2 * s) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
     double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
+    const double* weights_of(int i) { return sharedWeights ? shared : weights(i); }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
     cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
     size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
@@ -234,6 +242,23 @@ inline void gather(const float* re, const float* im, int x0, int x1, cf* out) {
     for (; x < x1; ++x) out[x - x0] = cf(re[x], im ? im[x] : 0.0f);
 }
 
+#ifdef MRKIT_AVX2
+// gather, eight values at a time.
+__attribute__((target("avx2"))) void gather_avx2(const float* re, const float* im, int x0, int x1,
+                                                 cf* out) {
+    int x = x0;
+    if (im) {
+        for (float* to = reinterpret_cast<float*>(out); x + 8 <= x1; x += 8, to += 16) {
+            const __m256 r = _mm256_loadu_ps(re + x), i = _mm256_loadu_ps(im + x);
+            const __m256 lo = _mm256_unpacklo_ps(r, i), hi = _mm256_unpackhi_ps(r, i);
+            _mm256_storeu_ps(to, _mm256_permute2f128_ps(lo, hi, 0x20));
+            _mm256_storeu_ps(to + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
+        }
+    }
+    gather(re, im, x, x1, out + (x - x0));
+}
+#endif
+
 inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
 }
@@ -245,28 +270,24 @@ void weigh(Count count, const Sample& sx, const double* wy, const double* wz, do
     for (int k = 0; k < count(); ++k) w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
 }
 
+// Which corners voxel x reads (see find_signal): 8, 4 or 0.
+struct CornerKinds {
+    long all8, from4, below4;
+    int of(int lower) const { return lower < all8 ? 8 : lower >= from4 && lower < below4 ? 4 : 0; }
+};
+
 // Coil 0's factor at the nearest grid voxel says which positions carry signal; outside the
-// object this is the only work done. Lists the chunk's voxels with signal and how their corners
-// are read: from the kept rows when they are the usual four (one plane) or eight, otherwise, at
-// the grid's end, from the factors as they lie.
-void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
-    const int n = row.n;
+// object this is the only work done. N > 0 fixes the number of positions n, so the test unrolls.
+template <int N>
+void find_signal(const Layout& L, const Row& row, int x0, int x1, const CornerKinds& kinds,
+                 int uniform, Chunk& ch) {
+    const int n = N > 0 ? N : row.n;
     const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
     const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
-    const int nearest = row.sz->nearest * L.plane + row.sy->nearest * L.F0;
-    // Corners as MR_linear_interpolation picks them for lower corner b = x's lower + rowBase;
-    // within a block, so the block bound (block + 1) * V leaves b + offset < V as the test: all
-    // eight below all8, one plane from from4 to below4, none when the blocks are not all there.
-    const bool blocks = static_cast<long>(n) * L.fd3 <= L.blocks;
-    const long rest = static_cast<long>(L.V) - row.rowBase;
-    const long all8 = blocks ? rest - L.F0 - 1 - L.plane : 0;
-    const long from4 = rest - L.plane, below4 = blocks ? rest - L.F0 - 1 : 0;
-    // Four corners use the first four weights of eight.
-    if (L.oneFraction) weigh(std::integral_constant<int, 8>(), L.xs[x0], wy, wz, ch.shared);
-    ch.active = 0;
+    const cd* nearest = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0;
     for (int x = x0; x < x1; ++x) {
         const Sample& sx = L.xs[x];
-        const cd* f = L.factors + nearest + sx.nearest;
+        const cd* f = nearest + sx.nearest;
         int* rows = ch.rows(ch.active);
         int valid = 0;
         for (int m = 0; m < n; ++m, f += L.V) {
@@ -284,17 +305,53 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
         const int i = ch.active++;
         ch.x[i] = x;
         ch.valid[i] = valid;
-        const int corners = sx.lower < all8 ? 8 : sx.lower >= from4 && sx.lower < below4 ? 4 : 0;
+        ch.full += valid == n;
+        const int corners = uniform >= 0 ? uniform : kinds.of(sx.lower);
         ch.corners[i] = corners;
-        if (L.oneFraction) {
-            ch.weightOf[i] = ch.shared;
-        } else {
-            ch.weightOf[i] = ch.weights(i);
+        if (!ch.sharedWeights) {
             if (corners == 4)
                 weigh(std::integral_constant<int, 4>(), sx, wy, wz, ch.weights(i));
             else if (corners == 8)
                 weigh(std::integral_constant<int, 8>(), sx, wy, wz, ch.weights(i));
         }
+    }
+}
+
+// Lists the chunk's voxels with signal and how their corners are read: from the kept rows when
+// they are the usual four (one plane) or eight, otherwise, at the grid's end, from the factors as
+// they lie.
+void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
+    const int n = row.n;
+    // Corners as MR_linear_interpolation picks them for lower corner b = x's lower + rowBase;
+    // within a block, so the block bound (block + 1) * V leaves b + offset < V as the test: all
+    // eight below all8, one plane from from4 to below4, none when the blocks are not all there.
+    const bool blocks = static_cast<long>(n) * L.fd3 <= L.blocks;
+    const long rest = static_cast<long>(L.V) - row.rowBase;
+    const CornerKinds kinds{blocks ? rest - L.F0 - 1 - L.plane : 0, rest - L.plane,
+                            blocks ? rest - L.F0 - 1 : 0};
+    // Lower corners do not fall along x, and eight corners or four are each one run of them: when
+    // the chunk's first and last voxel read the same, so do all between.
+    const int first = kinds.of(L.xs[x0].lower);
+    const int uniform = first != 0 && kinds.of(L.xs[x1 - 1].lower) == first ? first : -1;
+    ch.uniform = uniform;
+    ch.sharedWeights = L.oneFraction;
+    // Four corners use the first four weights of eight.
+    if (L.oneFraction) {
+        const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
+        const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
+        weigh(std::integral_constant<int, 8>(), L.xs[x0], wy, wz, ch.shared);
+    }
+    ch.active = 0;
+    ch.full = 0;
+    switch (n) {
+        case 2:
+            return find_signal<2>(L, row, x0, x1, kinds, uniform, ch);
+        case 3:
+            return find_signal<3>(L, row, x0, x1, kinds, uniform, ch);
+        case 4:
+            return find_signal<4>(L, row, x0, x1, kinds, uniform, ch);
+        default:
+            return find_signal<0>(L, row, x0, x1, kinds, uniform, ch);
     }
 }
 
@@ -316,7 +373,22 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
     ch.pairs = 0;
     ch.grid = nullptr;
     int kinds = 0;
-    for (int i = 0; i < ch.active; ++i) {
+    // Every voxel with signal everywhere, alike in corners, at consecutive x and grid columns:
+    // neighbours pair up in order, as the loop below would pair them.
+    ch.dense = avx2 && n >= 2 && paired(n, L.fd3) && ch.uniform > 0 && ch.full == ch.active &&
+               L.unitColumns && ch.x[ch.active - 1] - ch.x[0] == ch.active - 1;
+    if (ch.dense) {
+        keep_rows(ch.uniform);
+        kinds = ch.uniform;
+        const int column = L.xs[ch.x[0]].lower - lo;
+        ch.pairs = (ch.active + 1) / 2;
+        for (int p = 0; p < ch.pairs; ++p) {
+            ch.first[p] = 2 * p;
+            ch.two[p] = 2 * p + 1 < ch.active;
+            ch.column[p] = column + 2 * p;
+        }
+    }
+    for (int i = 0; i < (ch.dense ? 0 : ch.active); ++i) {
         ch.pairOf[i] = -1;
         const int corners = ch.corners[i];
         const int* rows = ch.rows(i);
@@ -357,9 +429,9 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
                         out[rows[m] + static_cast<size_t>(c) * n] = runs.at(c * n + m);
         };
         if (corners == 4)
-            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weightOf[i]});
+            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights_of(i)});
         else
-            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weightOf[i]});
+            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)});
     }
 #ifdef MRKIT_AVX2
     // On the grid the weights but the lower corner's are 0, and with finite corners they add
@@ -374,11 +446,13 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
     if (kinds & 4)
         mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.first.data(),
                                     ch.two.data(), ch.corners.data(), ch.column.data(),
-                                    ch.weightOf.data(), ch.P.data(), ch.pair_stride());
+                                    ch.sharedWeights ? ch.shared : ch.weight.data(),
+                                    ch.sharedWeights ? 0 : 8, ch.P.data(), ch.pair_stride());
     if (kinds & 8)
         mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.first.data(),
                                     ch.two.data(), ch.corners.data(), ch.column.data(),
-                                    ch.weightOf.data(), ch.P.data(), ch.pair_stride());
+                                    ch.sharedWeights ? ch.shared : ch.weight.data(),
+                                    ch.sharedWeights ? 0 : 8, ch.P.data(), ch.pair_stride());
 #endif
 }
 
@@ -451,10 +525,17 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
 
     // The chunk's coil values, coil by coil along the row, so that the coils' rows (a volume
     // apart) are not all read at once.
-    for (int c = 0; c < L.fd3; ++c)
-        gather(vol.foldedRe + rowStart + c * L.volume,
-               vol.foldedIm ? vol.foldedIm + rowStart + c * L.volume : nullptr, x0, x1,
-               ch.values_at(c));
+    for (int c = 0; c < L.fd3; ++c) {
+        const float* re = vol.foldedRe + rowStart + c * L.volume;
+        const float* im = vol.foldedIm ? vol.foldedIm + rowStart + c * L.volume : nullptr;
+#ifdef MRKIT_AVX2
+        if (avx2) {
+            gather_avx2(re, im, x0, x1, ch.values_at(c));
+            continue;
+        }
+#endif
+        gather(re, im, x0, x1, ch.values_at(c));
+    }
 
     // Results u of voxel i to its aliased positions.
     const auto scatter = [&](int i, const cf* u) {
@@ -533,6 +614,29 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         products = true;
     }
 #endif
+    if (products && ch.dense) {
+        int p = 0;
+#if defined(__SSE2__)
+        // Two pairs of two at a time, along x position by position.
+        if (inside) {
+            const int quads = ch.active / 4 * 2;
+            const size_t step = 4 * static_cast<size_t>(ch.slots);  // floats from pair to pair
+            for (int m = 0; m < n; ++m) {
+                const float* u = reinterpret_cast<const float*>(ch.pair_result(0) + 2 * m);
+                float* re = vol.outRe + offset[m] + ch.x[0];
+                float* im = vol.outIm + offset[m] + ch.x[0];
+                for (int q = 0; q < quads; q += 2, u += 2 * step, re += 4, im += 4) {
+                    const __m128 a = _mm_loadu_ps(u), b = _mm_loadu_ps(u + step);
+                    _mm_storeu_ps(re, _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+                    _mm_storeu_ps(im, _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+                }
+            }
+            p = quads;
+        }
+#endif
+        for (; p < ch.pairs; ++p) scatter_pair(p);
+        return;
+    }
     for (int i = 0; i < ch.active; ++i) {
         const int x = ch.x[i];
         if (const int p = ch.pairOf[i]; p >= 0) {
