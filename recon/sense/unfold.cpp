@@ -92,6 +92,7 @@ struct Layout {
     bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
     bool onGrid;       // that fraction is 0
     bool unitColumns;  // each x's lower grid column is the one after the previous x's
+    bool unitNearest;  // and so its nearest
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
@@ -128,6 +129,10 @@ struct Layout {
           unitColumns(std::adjacent_find(xs.begin(), xs.end(),
                                          [](const Sample& a, const Sample& b) {
                                              return b.lower != a.lower + 1;
+                                         }) == xs.end()),
+          unitNearest(std::adjacent_find(xs.begin(), xs.end(),
+                                         [](const Sample& a, const Sample& b) {
+                                             return b.nearest != a.nearest + 1;
                                          }) == xs.end()),
           yAlias(N1, fd1),
           zAlias(N2, fd2),
@@ -276,6 +281,42 @@ struct CornerKinds {
     int of(int lower) const { return lower < all8 ? 8 : lower >= from4 && lower < below4 ? 4 : 0; }
 };
 
+// Either part of the factor non-zero (or not a number).
+inline bool signal(const cd* f) {
+#if defined(__SSE2__)
+    return _mm_movemask_pd(_mm_cmpneq_pd(_mm_loadu_pd(reinterpret_cast<const double*>(f)),
+                                         _mm_setzero_pd())) != 0;
+#else
+    return f->real() != 0.0 || f->imag() != 0.0;
+#endif
+}
+
+// find_signal where every voxel reads the same corners with the same weights and the voxels'
+// nearest grid columns follow one another: each position's tests read one run along x, and a
+// voxel with signal everywhere takes its rows in order.
+template <int N>
+void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, Chunk& ch) {
+    const cd* f = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
+    for (int x = x0; x < x1; ++x, ++f) {
+        int bits = 0;
+        for (int m = 0; m < N; ++m) bits |= signal(f + static_cast<size_t>(m) * L.V) << m;
+        if (bits == 0) continue;
+        const int i = ch.active++;
+        int* rows = ch.rows(i);
+        ch.x[i] = x;
+        ch.corners[i] = corners;
+        if (bits == (1 << N) - 1) {
+            ch.valid[i] = N;
+            ++ch.full;
+            for (int m = 0; m < N; ++m) rows[m] = m;
+            continue;
+        }
+        int valid = 0;
+        for (int m = 0; m < N; ++m) rows[m] = bits >> m & 1 ? valid++ : -1;
+        ch.valid[i] = valid;
+    }
+}
+
 // Coil 0's factor at the nearest grid voxel says which positions carry signal; outside the
 // object this is the only work done. N > 0 fixes the number of positions n, so the test unrolls.
 template <int N>
@@ -290,17 +331,7 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, const CornerKi
         const cd* f = nearest + sx.nearest;
         int* rows = ch.rows(ch.active);
         int valid = 0;
-        for (int m = 0; m < n; ++m, f += L.V) {
-#if defined(__SSE2__)
-            // Either part non-zero (or not a number).
-            const bool signal =
-                _mm_movemask_pd(_mm_cmpneq_pd(_mm_loadu_pd(reinterpret_cast<const double*>(f)),
-                                              _mm_setzero_pd())) != 0;
-#else
-            const bool signal = f->real() != 0.0 || f->imag() != 0.0;
-#endif
-            rows[m] = signal ? valid++ : -1;
-        }
+        for (int m = 0; m < n; ++m, f += L.V) rows[m] = signal(f) ? valid++ : -1;
         if (valid == 0) continue;
         const int i = ch.active++;
         ch.x[i] = x;
@@ -343,6 +374,14 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     }
     ch.active = 0;
     ch.full = 0;
+    if (uniform > 0 && L.oneFraction && L.unitNearest) switch (n) {
+            case 2:
+                return find_signal_run<2>(L, row, x0, x1, uniform, ch);
+            case 3:
+                return find_signal_run<3>(L, row, x0, x1, uniform, ch);
+            case 4:
+                return find_signal_run<4>(L, row, x0, x1, uniform, ch);
+        }
     switch (n) {
         case 2:
             return find_signal<2>(L, row, x0, x1, kinds, uniform, ch);
