@@ -95,10 +95,17 @@ class FactorRows {
         bool finite = true;
         for (int k = from; k < to; ++k) {
             const cd* in = factors_ + static_cast<size_t>(k) * V_ + start;
-            cd* to = out + static_cast<size_t>(k) * stride_;
+            cd* run = out + static_cast<size_t>(k) * stride_;
+#if defined(__SSE2__)
+            // The next block's run lies a factor grid on, where the hardware's prefetch does not
+            // follow; its first lines are on their way while this run is copied.
+            if (k + 1 < to)
+                for (int line = 0; line < 8; ++line)
+                    _mm_prefetch(reinterpret_cast<const char*>(in + V_) + 64 * line, _MM_HINT_T0);
+#endif
             if (!check_)
-                std::memcpy(static_cast<void*>(to), in, width * sizeof(cd));
-            else if (!copy_finite(in, width, to))
+                std::memcpy(static_cast<void*>(run), in, width * sizeof(cd));
+            else if (!copy_finite(in, width, run))
                 finite = false;
         }
         return finite;
