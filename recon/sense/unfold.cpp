@@ -291,12 +291,46 @@ inline bool signal(const cd* f) {
 #endif
 }
 
+#ifdef MRKIT_AVX2
+// Whether each of the `count` entries from f, and from f + k V for every k < n, has signal.
+__attribute__((target("avx2"))) bool all_signal_avx2(const cd* f, int V, int n, int count) {
+    const __m256d zero = _mm256_setzero_pd();
+    __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+    for (int k = 0; k < n; ++k) {
+        const double* in = reinterpret_cast<const double*>(f + static_cast<size_t>(k) * V);
+        int q = 0;
+        for (; q + 2 <= count; q += 2) {
+            const __m256d part = _mm256_cmp_pd(_mm256_loadu_pd(in + 2 * q), zero, _CMP_NEQ_UQ);
+            all = _mm256_and_pd(all, _mm256_or_pd(part, _mm256_permute_pd(part, 0x5)));
+        }
+        if (q < count && !signal(f + static_cast<size_t>(k) * V + q)) return false;
+    }
+    return _mm256_movemask_pd(all) == 0xF;
+}
+#endif
+
 // find_signal where every voxel reads the same corners with the same weights and the voxels'
 // nearest grid columns follow one another: each position's tests read one run along x, and a
 // voxel with signal everywhere takes its rows in order.
 template <int N>
-void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, Chunk& ch) {
+void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, bool avx2,
+                     Chunk& ch) {
     const cd* f = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
+#ifdef MRKIT_AVX2
+    if (avx2 && all_signal_avx2(f, L.V, N, x1 - x0)) {
+        for (int i = 0; i < x1 - x0; ++i) {
+            ch.x[i] = x0 + i;
+            ch.valid[i] = N;
+            ch.corners[i] = corners;
+            int* rows = ch.rows(i);
+            for (int m = 0; m < N; ++m) rows[m] = m;
+        }
+        ch.active = ch.full = x1 - x0;
+        return;
+    }
+#else
+    (void)avx2;
+#endif
     for (int x = x0; x < x1; ++x, ++f) {
         int bits = 0;
         for (int m = 0; m < N; ++m) bits |= signal(f + static_cast<size_t>(m) * L.V) << m;
@@ -351,7 +385,7 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, const CornerKi
 // Lists the chunk's voxels with signal and how their corners are read: from the kept rows when
 // they are the usual four (one plane) or eight, otherwise, at the grid's end, from the factors as
 // they lie.
-void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
+void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chunk& ch) {
     const int n = row.n;
     // Corners as MR_linear_interpolation picks them for lower corner b = x's lower + rowBase;
     // within a block, so the block bound (block + 1) * V leaves b + offset < V as the test: all
@@ -376,11 +410,11 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     ch.full = 0;
     if (uniform > 0 && L.oneFraction && L.unitNearest) switch (n) {
             case 2:
-                return find_signal_run<2>(L, row, x0, x1, uniform, ch);
+                return find_signal_run<2>(L, row, x0, x1, uniform, avx2, ch);
             case 3:
-                return find_signal_run<3>(L, row, x0, x1, uniform, ch);
+                return find_signal_run<3>(L, row, x0, x1, uniform, avx2, ch);
             case 4:
-                return find_signal_run<4>(L, row, x0, x1, uniform, ch);
+                return find_signal_run<4>(L, row, x0, x1, uniform, avx2, ch);
         }
     switch (n) {
         case 2:
@@ -756,7 +790,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                     Row row(L, y, z);
                     for (int x0 = s0; x0 < s1; x0 += Chunk::kLength) {
                         const int x1 = std::min(s1, x0 + Chunk::kLength);
-                        find_signal(L, row, x0, x1, ch);
+                        find_signal(L, row, x0, x1, avx2, ch);
                         if (ch.active == 0) continue;
                         interpolate(L, row, lo, avx2, cache, ch);
                         for (const Volume& vol : volumes)
