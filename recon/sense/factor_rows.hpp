@@ -178,8 +178,18 @@ struct CornerRuns {
 
     const cd* corner(int k) const { return rows[k >> 1] + column + (k & 1); }
 
-    // Entry e: the corners' entries times their weights, summed in corner order, narrowed.
-    cf at(int e) const {
+    // Entry e: the corners' entries times their weights, summed in corner order, narrowed. Out
+    // of line, as is all(): inlined, the sums could be compiled with their operands swapped as
+    // the caller's code goes, which picks the other NaN of two.
+    __attribute__((noinline)) cf at(int e) const { return entry(e); }
+
+    // Entries 0 .. count - 1 into out[0 .. count - 1].
+    __attribute__((noinline)) void all(int count, cf* out) const {
+        for (int e = 0; e < count; ++e) out[e] = entry(e);
+    }
+
+  private:
+    cf entry(int e) const {
         const size_t at = static_cast<size_t>(e) * stride;
 #if !defined(__SSE2__)
         cd sum = corner(0)[at] * weight[0];
@@ -196,11 +206,6 @@ struct CornerRuns {
         _mm_store_pd(out, sum);
         return cf(static_cast<float>(out[0]), static_cast<float>(out[1]));
 #endif
-    }
-
-    // Entries 0 .. count - 1 into out[0 .. count - 1].
-    void all(int count, cf* out) const {
-        for (int e = 0; e < count; ++e) out[e] = at(e);
     }
 };
 
