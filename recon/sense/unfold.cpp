@@ -91,6 +91,7 @@ struct Layout {
     std::vector<Sample> xs, ys, zs;
     bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
     bool onGrid;       // that fraction is 0
+    bool allOnGrid;    // and every y and z samples the grid at its lower corner too
     bool unitColumns;  // each x's lower grid column is the one after the previous x's
     bool unitNearest;  // and so its nearest
     Aliases yAlias, zAlias;
@@ -126,6 +127,11 @@ struct Layout {
                                                          sizeof(double)) == 0;
                                   })),
           onGrid(oneFraction && xs[0].fraction == 0.0),
+          allOnGrid(
+              onGrid &&
+              std::all_of(ys.begin(), ys.end(),
+                          [](const Sample& s) { return s.fraction == 0.0; }) &&
+              std::all_of(zs.begin(), zs.end(), [](const Sample& s) { return s.fraction == 0.0; })),
           unitColumns(std::adjacent_find(xs.begin(), xs.end(),
                                          [](const Sample& a, const Sample& b) {
                                              return b.lower != a.lower + 1;
@@ -151,7 +157,10 @@ struct Row {
     const Sample *sy, *sz;
     int rowBase;  // flat factor index of the row's lower corner but for x
     int gridRow;  // row of that corner among the factor grid's F1 * F2 rows
-    const cd* kept[4] = {nullptr, nullptr, nullptr, nullptr};  // corner rows, once fetched
+    // Corner rows, once fetched: as they are (kept, or where they lie in the factors when the
+    // rows are kept narrowed) and narrowed.
+    const cd* kept[4] = {nullptr, nullptr, nullptr, nullptr};
+    const cf* narrowed[4] = {nullptr, nullptr, nullptr, nullptr};
     bool finite = true;  // every entry of those rows, when the rows are checked
     bool onGrid;         // every voxel of the row samples the grid at its lower corner
 
@@ -191,14 +200,13 @@ struct Chunk {
     std::vector<cf> values;      // coil values of each x of the chunk, one spare at the end
     std::vector<cf> u, u2;       // results of one voxel, or of two
     // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
-    // grid column, interleaved matrices and results. The
-    // matrices are held in double precision, so that they may also be read straight from a kept
-    // row (`grid`, entry e of pair p at grid[column[p] + e gridStep]) by the same kernel.
+    // grid column, interleaved matrices and results. The matrices may also be read straight from
+    // a narrowed kept row (`grid`, entry e of pair p at grid[column[p] + e gridStep]) by the same
+    // kernel.
     int pairs = 0;
     std::vector<int> pairOf, first, two, column;
-    std::vector<cd> P;
-    std::vector<cf> U;
-    const cd* grid = nullptr;
+    std::vector<cf> P, U;
+    const cf* grid = nullptr;
     int gridStep = 0;
 
     Chunk(int s, int c)
@@ -225,7 +233,7 @@ struct Chunk {
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
     cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
     size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
-    const cd* pair_matrix(int p) const {
+    const cf* pair_matrix(int p) const {
         return grid ? grid + column[p] : P.data() + p * pair_stride();
     }
     int pair_step() const { return grid ? gridStep : 2; }
@@ -428,20 +436,46 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chu
     }
 }
 
+// A thread's kept factor rows: narrowed where every voxel samples the grid at its lower corner
+// (the factors of every pair read from there), otherwise as they are.
+struct KeptRows {
+    bool narrowed;
+    mrkit::sense::FactorRows<cd> exact;
+    mrkit::sense::FactorRows<cf> narrow;
+    KeptRows(const Layout& L, bool avx2, int capacity)
+        : narrowed(L.allOnGrid && avx2),
+          exact(L.factors, L.F0, L.V, capacity, L.blocks,
+                narrowed   ? 0
+                : L.F2 > 1 ? 4
+                           : 2),
+          narrow(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? L.F2 > 1 ? 4 : 2 : 0) {}
+    void columns(int lo, int width) {
+        exact.columns(lo, width);
+        narrow.columns(lo, width);
+    }
+};
+
 // M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
 // (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
 // unused, as the product still takes them.
-void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::FactorRows& cache,
-                 Chunk& ch) {
-    const int n = row.n, count = n * L.fd3, stride = cache.stride();
+void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, Chunk& ch) {
+    const int n = row.n, count = n * L.fd3;
+    // Rows as they are: kept, or where they lie when the kept rows are narrowed.
+    const int stride = cache.narrowed ? L.V : cache.exact.stride();
     int kept = 0;  // corners whose rows are fetched
     const auto keep_rows = [&](int corners) {
         if (corners <= kept) return;
         kept = corners;
-        for (int r = 0; r < corners / 2; ++r)
-            if (!row.kept[r])
-                row.kept[r] =
-                    cache.row(row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0), count, &row.finite);
+        for (int r = 0; r < corners / 2; ++r) {
+            if (row.kept[r]) continue;
+            const int gridRow = row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0);
+            if (!cache.narrowed) {
+                row.kept[r] = cache.exact.row(gridRow, count);
+                continue;
+            }
+            row.narrowed[r] = cache.narrow.row(gridRow, count, &row.finite);
+            row.kept[r] = L.factors + static_cast<size_t>(gridRow) * L.F0 + lo;
+        }
     };
     ch.pairs = 0;
     ch.grid = nullptr;
@@ -511,9 +545,9 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::Fac
     // zeros: the factors are the lower corner's, read where they lie. (Only a -0 factor could come
     // out otherwise, as +0; no output shows the sign of a zero factor, since every coil product is
     // added to a zero at its end.)
-    if (ch.pairs > 0 && cache.checked() && row.onGrid && row.finite) {
-        ch.grid = row.kept[0];
-        ch.gridStep = stride;
+    if (ch.pairs > 0 && cache.narrowed && row.finite) {
+        ch.grid = row.narrowed[0];
+        ch.gridStep = cache.narrow.stride();
         return;
     }
     if (kinds & 4)
@@ -718,12 +752,12 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
                 if (ch.two[p]) ++i;
                 continue;
             }
-            // One position (n = 1): each voxel's row narrowed into its own M.
-            const cd* P = ch.pair_matrix(p);
+            // One position (n = 1): each voxel's row into its own M.
+            const cf* P = ch.pair_matrix(p);
             const size_t step = ch.pair_step();
             for (int k = 0; k < (ch.two[p] ? 2 : 1); ++k) {
                 cf* M = ch.matrix(i + k);
-                for (int c = 0; c < L.fd3; ++c) M[c] = narrow(P[c * step + k]);
+                for (int c = 0; c < L.fd3; ++c) M[c] = P[c * step + k];
                 mrkit::small::matrix_vector(M, n, n, L.fd3, values + (x + k - x0), Chunk::kLength,
                                             ch.u.data());
                 scatter(i + k, ch.u.data());
@@ -773,8 +807,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
         // folded voxels finds half of its corners there. Strips of at most kStripWidth columns
         // bound that scratch whatever the image's width.
         const int lo0 = L.xs[begin].lower;
-        FactorRows cache(L.factors, L.F0, L.V, std::min(L.xs[end - 1].lower + 2 - lo0, kStripWidth),
-                         L.blocks, L.F2 > 1 ? 4 : 2, L.onGrid && avx2);
+        KeptRows cache(L, avx2, std::min(L.xs[end - 1].lower + 2 - lo0, kStripWidth));
         // Folded rows longer than the output's reach into its next row, so that two voxels may
         // write one sample; the one later in x order must win, as with x outermost. Then every
         // strip is one x wide.
