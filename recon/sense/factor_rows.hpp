@@ -111,41 +111,43 @@ class FactorRows {
         return finite;
     }
 
-    // Copies n entries narrowed and tells whether every part was finite before (one that is not
-    // gives a NaN times 0, which stays in a sum). The sums carry one add per eight entries, so
-    // they keep pace with the loads.
+#ifdef MRKIT_AVX2
+    // The four complex at p, narrowed.
+    MRKIT_AVX2_TARGET static __m256 narrowed_four(const double* p) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_loadu_pd(p))),
+                                    _mm256_cvtpd_ps(_mm256_loadu_pd(p + 4)), 1);
+    }
+#endif
+
+    // Copies n entries narrowed and tells whether every part is finite after. A part that was
+    // not finite is not after either; one that overflows only sends its row the weighted way,
+    // which gives the same factors from finite corners. One that is not gives a NaN times 0,
+    // which stays in a sum; the sums carry one add per eight entries, so they keep pace with the
+    // loads.
     MRKIT_AVX2_TARGET static bool copy_narrowed(const cd* in, long n, cf* out) {
         long q = 0;
         bool finite = true;
 #ifdef MRKIT_AVX2
         const double* from = reinterpret_cast<const double*>(in);
         float* to = reinterpret_cast<float*>(out);
-        const __m256d zero = _mm256_setzero_pd();
-        __m256d sum = zero;
+        const __m256 zero = _mm256_setzero_ps();
+        __m256 sum = zero;
         for (; q + 8 <= n; q += 8) {
-            const __m256d a = _mm256_loadu_pd(from + 2 * q), b = _mm256_loadu_pd(from + 2 * q + 4);
-            const __m256d c = _mm256_loadu_pd(from + 2 * q + 8);
-            const __m256d d = _mm256_loadu_pd(from + 2 * q + 12);
-            _mm256_storeu_ps(to + 2 * q,
-                             _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(a)),
-                                                  _mm256_cvtpd_ps(b), 1));
-            _mm256_storeu_ps(to + 2 * q + 8,
-                             _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(c)),
-                                                  _mm256_cvtpd_ps(d), 1));
-            sum = _mm256_add_pd(
-                sum, _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(a, zero), _mm256_mul_pd(b, zero)),
-                                   _mm256_add_pd(_mm256_mul_pd(c, zero), _mm256_mul_pd(d, zero))));
+            const __m256 a = narrowed_four(from + 2 * q), b = narrowed_four(from + 2 * q + 8);
+            _mm256_storeu_ps(to + 2 * q, a);
+            _mm256_storeu_ps(to + 2 * q + 8, b);
+            sum = _mm256_add_ps(sum, _mm256_add_ps(_mm256_mul_ps(a, zero), _mm256_mul_ps(b, zero)));
         }
         for (; q + 2 <= n; q += 2) {
-            const __m256d v = _mm256_loadu_pd(from + 2 * q);
-            _mm_storeu_ps(to + 2 * q, _mm256_cvtpd_ps(v));
-            sum = _mm256_add_pd(sum, _mm256_mul_pd(v, zero));
+            const __m128 v = _mm256_cvtpd_ps(_mm256_loadu_pd(from + 2 * q));
+            _mm_storeu_ps(to + 2 * q, v);
+            sum = _mm256_add_ps(sum, _mm256_castps128_ps256(_mm_mul_ps(v, _mm_setzero_ps())));
         }
-        finite = _mm256_movemask_pd(_mm256_cmp_pd(sum, sum, _CMP_UNORD_Q)) == 0;
+        finite = _mm256_movemask_ps(_mm256_cmp_ps(sum, sum, _CMP_UNORD_Q)) == 0;
 #endif
         for (; q < n; ++q) {
             out[q] = cf(static_cast<float>(in[q].real()), static_cast<float>(in[q].imag()));
-            finite = finite && std::isfinite(in[q].real()) && std::isfinite(in[q].imag());
+            finite = finite && std::isfinite(out[q].real()) && std::isfinite(out[q].imag());
         }
         return finite;
     }
