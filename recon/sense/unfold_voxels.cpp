@@ -14,6 +14,12 @@ inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
 }
 
+// Entries 0 .. count - 1 of runs into to[0], to[2], ...: one voxel's half of a pair matrix.
+template <class Runs>
+void weighted(const Runs& runs, int count, cf* to) {
+    for (int e = 0; e < count; ++e) to[2 * e] = runs.at(e);
+}
+
 // Weight of corner k < count: (x weight * y weight) * z weight, each t or 1 - t.
 template <class Count>
 void weigh(Count count, const Sample& sx, const double* wy, const double* wz, double* w) {
@@ -263,12 +269,30 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, 
     }
 #ifdef MRKIT_AVX2
     // On the grid the weights but the lower corner's are 0, and with finite corners they add
-    // zeros: the factors are the lower corner's, read where they lie. (Only a -0 factor could come
-    // out otherwise, as +0; no output shows the sign of a zero factor, since every coil product is
-    // added to a zero at its end.)
+    // zeros: the factors are the lower corner's, read narrowed from its kept row. (Only a -0
+    // factor could come out otherwise, as +0; no output shows the sign of a zero factor, since
+    // every coil product is added to a zero at its end.)
     if (ch.pairs > 0 && cache.narrowed && row.finite) {
         ch.grid = row.narrowed[0];
         ch.gridStep = cache.narrow.stride();
+        return;
+    }
+    if (cache.narrowed) {
+        // Rows not all finite: the weighted sums voxel by voxel from the factors where they lie,
+        // since a pair's read of the next columns could pass the end of the factor vector.
+        for (int p = 0; p < ch.pairs; ++p)
+            for (int k = 0; k < (ch.two[p] ? 2 : 1); ++k) {
+                const int i = ch.first[p] + k, column = ch.column[p] + k;
+                cf* to = ch.P.data() + p * ch.pair_stride() + k;
+                if (ch.corners[i] == 4)
+                    weighted(
+                        mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights_of(i)},
+                        count, to);
+                else
+                    weighted(
+                        mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)},
+                        count, to);
+            }
         return;
     }
     if (kinds & 4)
