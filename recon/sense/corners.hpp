@@ -77,9 +77,10 @@ struct Corners {
 
     // Complex samples with real weights: both parts are scaled and summed lane by lane, which is
     // exactly what the complex-times-real operator and complex addition do. Fixed > 0 promises
-    // that many corners, so the loop unrolls.
+    // that many corners, so the loop unrolls. Out of line, so that the caller's code cannot swap
+    // the operands of its sums (which picks the other NaN of two).
     template <int Fixed = 0>
-    std::complex<double> apply(const std::complex<double>* data) const {
+    __attribute__((noinline)) std::complex<double> apply(const std::complex<double>* data) const {
         const int n = Fixed > 0 ? Fixed : count;
         if (n == 0) return 0.0;
 #if defined(__SSE2__)

@@ -347,20 +347,25 @@ __attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
     if (i < rows) last_row_two(Ma + i, lda, Mb + i, ldb, cols, va, vb, vstride, ua + i, ub + i);
 }
 
-// The two complex<double> at p, narrowed.
-__attribute__((target("avx2"))) inline __m128 narrowed(const std::complex<double>* p) {
-    return _mm256_cvtpd_ps(_mm256_loadu_pd(reinterpret_cast<const double*>(p)));
+// The complex products a b of two lanes, parts as the scalar complex product forms them.
+__attribute__((target("avx2"))) inline __m128 lanes_times(__m128 a, __m128 b) {
+    return _mm_addsub_ps(_mm_mul_ps(_mm_moveldup_ps(a), b),
+                         _mm_mul_ps(_mm_movehdup_ps(a), _mm_shuffle_ps(b, b, 0xB1)));
 }
 
-// matrix_vector_two_avx2 (cols < kBlockedColumns) for two matrices interleaved and held in double
-// precision: entry (i, j) of a at P[(i + j rows) step], that of b after it, each narrowed as it is
-// loaded (as a matrix of complex<float> would hold it); the vectors of a and b side by side (v[j
-// vstride], then b's). The results go to U interleaved the same way. Cols and Rows > 0 fix the
-// sizes at compile time, so that the loops unroll.
+// The two complex at p.
+__attribute__((target("avx2"))) inline __m128 load_pair(const cf* p) {
+    return _mm_loadu_ps(reinterpret_cast<const float*>(p));
+}
+
+// matrix_vector_two_avx2 (cols < kBlockedColumns) for two matrices interleaved: entry (i, j) of a
+// at P[(i + j rows) step], that of b after it; the vectors of a and b side by side (v[j vstride],
+// then b's). The results go to U interleaved the same way. Cols and Rows > 0 fix the sizes at
+// compile time, so that the loops unroll.
 template <int Cols = 0, int Rows = 0>
 __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
-    const std::complex<double>* P, Eigen::Index step, Eigen::Index runtimeRows,
-    Eigen::Index runtimeCols, const cf* v, Eigen::Index vstride, cf* U) {
+    const cf* P, Eigen::Index step, Eigen::Index runtimeRows, Eigen::Index runtimeCols, const cf* v,
+    Eigen::Index vstride, cf* U) {
     const Eigen::Index cols = Cols > 0 ? Cols : runtimeCols;
     const Eigen::Index rows = Rows > 0 ? Rows : runtimeRows;
     const __m256 alpha = _mm256_setr_ps(1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f);
@@ -368,23 +373,35 @@ __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
     const Eigen::Index column = rows * step;  // from one column's entries to the next
     for (; i + 1 < rows; i += 2) {
         __m256 c = _mm256_setzero_ps();
-        const std::complex<double>* a = P + i * step;
+        const cf* a = P + i * step;
         for (Eigen::Index j = 0; j < cols; ++j, a += column)
             c = _mm256_add_ps(
-                pmul_avx2(_mm256_insertf128_ps(_mm256_castps128_ps256(narrowed(a)),
-                                               narrowed(a + step), 1),
+                pmul_avx2(_mm256_insertf128_ps(_mm256_castps128_ps256(load_pair(a)),
+                                               load_pair(a + step), 1),
                           _mm256_broadcast_ps(reinterpret_cast<const __m128*>(v + j * vstride))),
                 c);
         _mm256_storeu_ps(reinterpret_cast<float*>(U + 2 * i),
                          _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps()));
     }
     if (i < rows) {
-        // The last row of both, narrowed, through the scalar kernel every last row takes.
-        cf last[2 * (Cols > 0 ? Cols : kBlockedColumns - 1)];
-        for (Eigen::Index j = 0; j < cols; ++j)
-            _mm_storeu_ps(reinterpret_cast<float*>(last + 2 * j),
-                          narrowed(P + (i + j * rows) * step));
-        last_row_two(last, 2, last + 1, 2, cols, v, v + 1, vstride, U + 2 * i, U + 2 * i + 1);
+        // The last row of both side by side with last_row_two's products (a.re b.re - a.im b.im,
+        // a.re b.im + a.im b.re) and sums. Its complex product treats one whose parts are both
+        // NaN apart, so a NaN anywhere sends the row through last_row_two itself; otherwise every
+        // step had the same operands and so the same result.
+        __m128 sum = _mm_setzero_ps();
+        const cf* a = P + i * step;
+        for (Eigen::Index j = 0; j < cols; ++j, a += column)
+            sum = _mm_add_ps(
+                sum, lanes_times(load_pair(a),
+                                 _mm_loadu_ps(reinterpret_cast<const float*>(v + j * vstride))));
+        const __m128 u =
+            _mm_add_ps(_mm_setzero_ps(), lanes_times(_mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f), sum));
+        if (_mm_movemask_ps(_mm_cmpunord_ps(u, u)) == 0) {
+            _mm_storeu_ps(reinterpret_cast<float*>(U + 2 * i), u);
+            return;
+        }
+        last_row_two(P + i * step, column, P + i * step + 1, column, cols, v, v + 1, vstride,
+                     U + 2 * i, U + 2 * i + 1);
     }
 }
 #endif

@@ -12,207 +12,13 @@
 #include "recon/cpu.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
-#include "recon/sense/corners.hpp"
-#include "recon/sense/factor_rows.hpp"
-#include "recon/sense/products.hpp"
+#include "recon/sense/unfold_chunk.hpp"
 #include "recon/sense/unfold_volumes.hpp"
 
 namespace {
 
-// Where one folded index samples the factor grid: the coordinate (never below 0), its nearest
-// grid index for the signal mask, and its lower grid index and fraction for interpolation.
-struct Sample {
-    float coord;
-    int nearest, lower;
-    double fraction;
-};
-
-// Folded index i -> factor-grid coordinate, first to first and last to last; along y and z the
-// coordinate is snapped to the factor grid's compartments, so the interpolation never blends
-// factors of differently aliased voxels.
-std::vector<Sample> samples(int folded, int grid, int fullSize, const float* gridBounds) {
-    float imageBounds[2] = {-1.0f, -1.0f};
-    if (gridBounds) get_compartments(fullSize, folded, imageBounds);
-    const float step =
-        folded > 1 ? static_cast<float>(grid - 1) / static_cast<float>(folded - 1) : 0.0f;
-    std::vector<Sample> out(folded);
-    for (int i = 0; i < folded; ++i) {
-        float c = folded == 1 ? 0.0f : static_cast<float>(i) * step;
-        if (gridBounds) c = static_cast<float>(pos2interpolate(c, i, imageBounds, gridBounds));
-        if (c < 0) c = 0;
-        const int lower = static_cast<int>(c);
-        out[i] = {c, MR_round(c), lower, c - static_cast<float>(lower)};
-    }
-    return out;
-}
-
-// Aliased full positions of every folded index of one axis, `most` entries per index.
-struct Aliases {
-    int most;
-    std::vector<int> count, position;
-    Aliases(int fullSize, int folded)
-        : most(static_cast<int>(ceilf(static_cast<float>(fullSize) / static_cast<float>(folded)))),
-          count(folded),
-          position(static_cast<size_t>(folded) * most) {
-        Eigen::VectorXi list(most);
-        for (int i = 0; i < folded; ++i) {
-            count[i] = MR_get_unfolded_positions(fullSize, folded, i, list);
-            std::copy(list.data(), list.data() + most, position.begin() + i * most);
-        }
-    }
-    const int* of(int i) const { return position.data() + static_cast<size_t>(i) * most; }
-};
-
-using mrkit::sense::cd;
+using namespace mrkit::sense::unfolding;
 using mrkit::sense::cf;
-
-// Aliased positions per folded voxel up to which the output offsets are kept per row.
-constexpr int kMaxSlots = 64;
-
-// Whether voxels whose positions all carry signal go in pairs: the pair kernels take fewer than
-// kBlockedColumns coils; a single position reads its half of the interleaved matrix through a
-// stride.
-inline bool paired(int n, int coils) {
-    return n == 1 || coils < mrkit::small::kBlockedColumns;
-}
-
-// Factor-grid columns of the widest strip a thread works through at a time.
-constexpr int kStripWidth = 264;
-
-// What every thread reads: sizes, sampling of the factor grid and aliased positions.
-struct Layout {
-    int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
-    int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
-    std::vector<Sample> xs, ys, zs;
-    bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
-    bool onGrid;       // that fraction is 0
-    Aliases yAlias, zAlias;
-    int slots, blocks;
-    const cd* factors;
-
-    Layout(const Eigen::VectorXi& foldedDims, const Eigen::VectorXcd& f,
-           const Eigen::VectorXi& factorDims, const Eigen::VectorXi& fullDims,
-           const float* yCompartments, const float* zCompartments)
-        : fd0(foldedDims[0]),
-          fd1(foldedDims[1]),
-          fd2(foldedDims[2]),
-          fd3(foldedDims[3]),
-          N0(fullDims[0]),
-          N1(fullDims[1]),
-          N2(fullDims[2]),
-          F0(factorDims[0]),
-          F1(factorDims[1]),
-          F2(factorDims[2]),
-          slab(fd0 * fd1),
-          volume(slab * fd2),
-          foldedTotal(foldedDims.prod()),
-          plane(F0 * F1),
-          V(plane * F2),
-          outPlane(N0 * N1),
-          outTotal(outPlane * N2),
-          xs(samples(fd0, F0, N0, nullptr)),
-          ys(samples(fd1, F1, N1, yCompartments)),
-          zs(samples(fd2, F2, N2, zCompartments)),
-          oneFraction(std::all_of(xs.begin(), xs.end(),
-                                  [&](const Sample& s) {
-                                      return std::memcmp(&s.fraction, &xs[0].fraction,
-                                                         sizeof(double)) == 0;
-                                  })),
-          onGrid(oneFraction && xs[0].fraction == 0.0),
-          yAlias(N1, fd1),
-          zAlias(N2, fd2),
-          slots(yAlias.most * zAlias.most),
-          // Blocks a voxel may read, as far as the factor vector holds them.
-          blocks(V > 0 ? static_cast<int>(std::min<Eigen::Index>(
-                             static_cast<Eigen::Index>(slots) * fd3, f.size() / V))
-                       : 0),
-          factors(f.data()) {}
-};
-
-// One (y, z) row of folded voxels: its aliased positions and where it samples the factor grid.
-struct Row {
-    int y, z, ny, nz, n;
-    const int *yList, *zList;
-    const Sample *sy, *sz;
-    int rowBase;  // flat factor index of the row's lower corner but for x
-    int gridRow;  // row of that corner among the factor grid's F1 * F2 rows
-    const cd* kept[4] = {nullptr, nullptr, nullptr, nullptr};  // corner rows, once fetched
-    bool finite = true;  // every entry of those rows, when the rows are checked
-    bool onGrid;         // every voxel of the row samples the grid at its lower corner
-
-    Row(const Layout& L, int y_, int z_)
-        : y(y_),
-          z(z_),
-          ny(L.yAlias.count[y_]),
-          nz(L.zAlias.count[z_]),
-          n(ny * nz),
-          yList(L.yAlias.of(y_)),
-          zList(L.zAlias.of(z_)),
-          sy(&L.ys[y_]),
-          sz(&L.zs[z_]),
-          rowBase(sy->lower * L.F0 + sz->lower * L.plane),
-          gridRow(sy->lower + sz->lower * L.F1),
-          onGrid(L.onGrid && sy->fraction == 0.0 && sz->fraction == 0.0) {}
-};
-
-// One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased
-// positions carry signal, how each voxel's factors are read, its factor matrix M, and the coil
-// values. Voxels with every position carrying signal and the usual corners (from kept rows) go
-// in pairs of neighbours (or alone) through the AVX2 loops; their two matrices are interleaved.
-struct Chunk {
-    static constexpr int kLength = 64;
-    const int slots, coils;
-    int active = 0;              // voxels with signal, in x order
-    std::vector<int> x, valid;   // their x and number of positions with signal
-    std::vector<int> rowOf;      // slots per voxel: row of position m in M, or -1
-    std::vector<int> corners;    // 4 or 8 from kept rows, 0 read from the factors as they lie
-    std::vector<double> weight;  // 8 per voxel, when the voxels' weights differ
-    double shared[8];            // the weights of every voxel, when they are alike
-    std::vector<const double*> weightOf;  // each voxel's weights: its own, or the shared ones
-    std::vector<cf> M;       // n x coils per voxel, column-major, the rows with signal first
-    std::vector<cf> values;  // coil values of each x of the chunk, one spare at the end
-    std::vector<cf> u, u2;   // results of one voxel, or of two
-    // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
-    // grid column, interleaved matrices and results. The
-    // matrices are held in double precision, so that they may also be read straight from a kept
-    // row (`grid`, entry e of pair p at grid[column[p] + e gridStep]) by the same kernel.
-    int pairs = 0;
-    std::vector<int> pairOf, first, two, column;
-    std::vector<cd> P;
-    std::vector<cf> U;
-    const cd* grid = nullptr;
-    int gridStep = 0;
-
-    Chunk(int s, int c)
-        : slots(s),
-          coils(c),
-          x(kLength),
-          valid(kLength),
-          rowOf(static_cast<size_t>(kLength) * s),
-          corners(kLength),
-          weight(static_cast<size_t>(kLength) * 8),
-          weightOf(kLength),
-          M(static_cast<size_t>(kLength) * s * c),
-          values(static_cast<size_t>(kLength) * c + 1),
-          u(s),
-          u2(s),
-          pairOf(kLength),
-          first(kLength),
-          two(kLength),
-          column(kLength),
-          P(static_cast<size_t>(kLength) * pair_stride()),
-          U(static_cast<size_t>(kLength) * 2 * s) {}
-    int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
-    double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
-    cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
-    cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
-    size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
-    const cd* pair_matrix(int p) const {
-        return grid ? grid + column[p] : P.data() + p * pair_stride();
-    }
-    int pair_step() const { return grid ? gridStep : 2; }
-    cf* pair_result(int p) { return U.data() + static_cast<size_t>(p) * 2 * slots; }
-};
 
 // Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
 inline void gather(const float* re, const float* im, int x0, int x1, cf* out) {
@@ -229,153 +35,22 @@ inline void gather(const float* re, const float* im, int x0, int x1, cf* out) {
     for (; x < x1; ++x) out[x - x0] = cf(re[x], im ? im[x] : 0.0f);
 }
 
-inline cf narrow(cd v) {
-    return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
-}
-
-// Weight of corner k < count: (x weight * y weight) * z weight, each t or 1 - t.
-template <class Count>
-void weigh(Count count, const Sample& sx, const double* wy, const double* wz, double* w) {
-    const double wx[2] = {1.0 - sx.fraction, sx.fraction};
-    for (int k = 0; k < count(); ++k) w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
-}
-
-// Coil 0's factor at the nearest grid voxel says which positions carry signal; outside the
-// object this is the only work done. Lists the chunk's voxels with signal and how their corners
-// are read: from the kept rows when they are the usual four (one plane) or eight, otherwise, at
-// the grid's end, from the factors as they lie.
-void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
-    const int n = row.n;
-    const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
-    const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
-    const int nearest = row.sz->nearest * L.plane + row.sy->nearest * L.F0;
-    // Corners as MR_linear_interpolation picks them for lower corner b = x's lower + rowBase;
-    // within a block, so the block bound (block + 1) * V leaves b + offset < V as the test: all
-    // eight below all8, one plane from from4 to below4, none when the blocks are not all there.
-    const bool blocks = static_cast<long>(n) * L.fd3 <= L.blocks;
-    const long rest = static_cast<long>(L.V) - row.rowBase;
-    const long all8 = blocks ? rest - L.F0 - 1 - L.plane : 0;
-    const long from4 = rest - L.plane, below4 = blocks ? rest - L.F0 - 1 : 0;
-    // Four corners use the first four weights of eight.
-    if (L.oneFraction) weigh(std::integral_constant<int, 8>(), L.xs[x0], wy, wz, ch.shared);
-    ch.active = 0;
-    for (int x = x0; x < x1; ++x) {
-        const Sample& sx = L.xs[x];
-        const cd* f = L.factors + nearest + sx.nearest;
-        int* rows = ch.rows(ch.active);
-        int valid = 0;
-        for (int m = 0; m < n; ++m, f += L.V) {
-#if defined(__SSE2__)
-            // Either part non-zero (or not a number).
-            const bool signal =
-                _mm_movemask_pd(_mm_cmpneq_pd(_mm_loadu_pd(reinterpret_cast<const double*>(f)),
-                                              _mm_setzero_pd())) != 0;
-#else
-            const bool signal = f->real() != 0.0 || f->imag() != 0.0;
-#endif
-            rows[m] = signal ? valid++ : -1;
-        }
-        if (valid == 0) continue;
-        const int i = ch.active++;
-        ch.x[i] = x;
-        ch.valid[i] = valid;
-        const int corners = sx.lower < all8 ? 8 : sx.lower >= from4 && sx.lower < below4 ? 4 : 0;
-        ch.corners[i] = corners;
-        if (L.oneFraction) {
-            ch.weightOf[i] = ch.shared;
-        } else {
-            ch.weightOf[i] = ch.weights(i);
-            if (corners == 4)
-                weigh(std::integral_constant<int, 4>(), sx, wy, wz, ch.weights(i));
-            else if (corners == 8)
-                weigh(std::integral_constant<int, 8>(), sx, wy, wz, ch.weights(i));
-        }
-    }
-}
-
-// M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
-// (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
-// unused, as the product still takes them.
-void interpolate(const Layout& L, Row& row, int lo, bool avx2, mrkit::sense::FactorRows& cache,
-                 Chunk& ch) {
-    const int n = row.n, count = n * L.fd3, stride = cache.stride();
-    int kept = 0;  // corners whose rows are fetched
-    const auto keep_rows = [&](int corners) {
-        if (corners <= kept) return;
-        kept = corners;
-        for (int r = 0; r < corners / 2; ++r)
-            if (!row.kept[r])
-                row.kept[r] =
-                    cache.row(row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0), count, &row.finite);
-    };
-    ch.pairs = 0;
-    ch.grid = nullptr;
-    int kinds = 0;
-    for (int i = 0; i < ch.active; ++i) {
-        ch.pairOf[i] = -1;
-        const int corners = ch.corners[i];
-        const int* rows = ch.rows(i);
-        cf* out = ch.matrix(i);
-        if (corners == 0) {
-            const Sample& sx = L.xs[ch.x[i]];
-            const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.plane, L.V, sx.fraction,
-                                            row.sy->fraction, row.sz->fraction);
-            for (int c = 0; c < L.fd3; ++c)
-                for (int m = 0; m < n; ++m)
-                    if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * n] =
-                            narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
-            continue;
-        }
-        keep_rows(corners);
-        const int column = L.xs[ch.x[i]].lower - lo;
-        if (avx2 && ch.valid[i] == n && paired(n, L.fd3)) {
-            // With the next voxel when that is the neighbour in x and in grid columns and alike;
-            // otherwise the other half holds the next grid column's factors, unused.
-            const bool two = i + 1 < ch.active && ch.corners[i + 1] == corners &&
-                             ch.valid[i + 1] == n && ch.x[i + 1] == ch.x[i] + 1 &&
-                             L.xs[ch.x[i + 1]].lower - lo == column + 1;
-            const int p = ch.pairs++;
-            ch.first[p] = i;
-            ch.two[p] = two;
-            ch.column[p] = column;
-            kinds |= corners;
-            ch.pairOf[i] = p;
-            if (two) ch.pairOf[++i] = p;
-            continue;
-        }
-        const auto one = [&](const auto& runs) {
-            if (ch.valid[i] == n) return runs.all(count, out);
-            for (int c = 0; c < L.fd3; ++c)
-                for (int m = 0; m < n; ++m)
-                    if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * n] = runs.at(c * n + m);
-        };
-        if (corners == 4)
-            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weightOf[i]});
-        else
-            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weightOf[i]});
-    }
 #ifdef MRKIT_AVX2
-    // On the grid the weights but the lower corner's are 0, and with finite corners they add
-    // zeros: the factors are the lower corner's, read where they lie. (Only a -0 factor could come
-    // out otherwise, as +0; no output shows the sign of a zero factor, since every coil product is
-    // added to a zero at its end.)
-    if (ch.pairs > 0 && cache.checked() && row.onGrid && row.finite) {
-        ch.grid = row.kept[0];
-        ch.gridStep = stride;
-        return;
+// gather, eight values at a time.
+__attribute__((target("avx2"))) void gather_avx2(const float* re, const float* im, int x0, int x1,
+                                                 cf* out) {
+    int x = x0;
+    if (im) {
+        for (float* to = reinterpret_cast<float*>(out); x + 8 <= x1; x += 8, to += 16) {
+            const __m256 r = _mm256_loadu_ps(re + x), i = _mm256_loadu_ps(im + x);
+            const __m256 lo = _mm256_unpacklo_ps(r, i), hi = _mm256_unpackhi_ps(r, i);
+            _mm256_storeu_ps(to, _mm256_permute2f128_ps(lo, hi, 0x20));
+            _mm256_storeu_ps(to + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
+        }
     }
-    if (kinds & 4)
-        mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.first.data(),
-                                    ch.two.data(), ch.corners.data(), ch.column.data(),
-                                    ch.weightOf.data(), ch.P.data(), ch.pair_stride());
-    if (kinds & 8)
-        mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.first.data(),
-                                    ch.two.data(), ch.corners.data(), ch.column.data(),
-                                    ch.weightOf.data(), ch.P.data(), ch.pair_stride());
-#endif
+    gather(re, im, x, x1, out + (x - x0));
 }
+#endif
 
 #ifdef MRKIT_AVX2_PAIRS
 // The coil products of every pair of the chunk (n rows, fewer than kBlockedColumns coils), one
@@ -446,10 +121,17 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
 
     // The chunk's coil values, coil by coil along the row, so that the coils' rows (a volume
     // apart) are not all read at once.
-    for (int c = 0; c < L.fd3; ++c)
-        gather(vol.foldedRe + rowStart + c * L.volume,
-               vol.foldedIm ? vol.foldedIm + rowStart + c * L.volume : nullptr, x0, x1,
-               ch.values_at(c));
+    for (int c = 0; c < L.fd3; ++c) {
+        const float* re = vol.foldedRe + rowStart + c * L.volume;
+        const float* im = vol.foldedIm ? vol.foldedIm + rowStart + c * L.volume : nullptr;
+#ifdef MRKIT_AVX2
+        if (avx2) {
+            gather_avx2(re, im, x0, x1, ch.values_at(c));
+            continue;
+        }
+#endif
+        gather(re, im, x0, x1, ch.values_at(c));
+    }
 
     // Results u of voxel i to its aliased positions.
     const auto scatter = [&](int i, const cf* u) {
@@ -528,6 +210,29 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
         products = true;
     }
 #endif
+    if (products && ch.dense) {
+        int p = 0;
+#if defined(__SSE2__)
+        // Two pairs of two at a time, along x position by position.
+        if (inside) {
+            const int quads = ch.active / 4 * 2;
+            const size_t step = 4 * static_cast<size_t>(ch.slots);  // floats from pair to pair
+            for (int m = 0; m < n; ++m) {
+                const float* u = reinterpret_cast<const float*>(ch.pair_result(0) + 2 * m);
+                float* re = vol.outRe + offset[m] + ch.x[0];
+                float* im = vol.outIm + offset[m] + ch.x[0];
+                for (int q = 0; q < quads; q += 2, u += 2 * step, re += 4, im += 4) {
+                    const __m128 a = _mm_loadu_ps(u), b = _mm_loadu_ps(u + step);
+                    _mm_storeu_ps(re, _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+                    _mm_storeu_ps(im, _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+                }
+            }
+            p = quads;
+        }
+#endif
+        for (; p < ch.pairs; ++p) scatter_pair(p);
+        return;
+    }
     for (int i = 0; i < ch.active; ++i) {
         const int x = ch.x[i];
         if (const int p = ch.pairOf[i]; p >= 0) {
@@ -536,12 +241,12 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, bool avx2,
                 if (ch.two[p]) ++i;
                 continue;
             }
-            // One position (n = 1): each voxel's row narrowed into its own M.
-            const cd* P = ch.pair_matrix(p);
+            // One position (n = 1): each voxel's row into its own M.
+            const cf* P = ch.pair_matrix(p);
             const size_t step = ch.pair_step();
             for (int k = 0; k < (ch.two[p] ? 2 : 1); ++k) {
                 cf* M = ch.matrix(i + k);
-                for (int c = 0; c < L.fd3; ++c) M[c] = narrow(P[c * step + k]);
+                for (int c = 0; c < L.fd3; ++c) M[c] = P[c * step + k];
                 mrkit::small::matrix_vector(M, n, n, L.fd3, values + (x + k - x0), Chunk::kLength,
                                             ch.u.data());
                 scatter(i + k, ch.u.data());
@@ -591,8 +296,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
         // folded voxels finds half of its corners there. Strips of at most kStripWidth columns
         // bound that scratch whatever the image's width.
         const int lo0 = L.xs[begin].lower;
-        FactorRows cache(L.factors, L.F0, L.V, std::min(L.xs[end - 1].lower + 2 - lo0, kStripWidth),
-                         L.blocks, L.F2 > 1 ? 4 : 2, L.onGrid && avx2);
+        KeptRows cache(L, avx2, std::min(L.xs[end - 1].lower + 2 - lo0, kStripWidth));
         // Folded rows longer than the output's reach into its next row, so that two voxels may
         // write one sample; the one later in x order must win, as with x outermost. Then every
         // strip is one x wide.
@@ -608,7 +312,7 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                     Row row(L, y, z);
                     for (int x0 = s0; x0 < s1; x0 += Chunk::kLength) {
                         const int x1 = std::min(s1, x0 + Chunk::kLength);
-                        find_signal(L, row, x0, x1, ch);
+                        find_signal(L, row, x0, x1, avx2, ch);
                         if (ch.active == 0) continue;
                         interpolate(L, row, lo, avx2, cache, ch);
                         for (const Volume& vol : volumes)

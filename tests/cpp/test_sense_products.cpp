@@ -159,14 +159,14 @@ TEST(SmallProducts, CoilProductBitIdenticalToEigen) {
             ASSERT_TRUE(same(expected[k], got[k], rows))
                 << "pair " << k << ", rows " << rows << ", cols " << cols;
 
-        // The same two with matrices (widened, entries `step` apart), vectors and results
-        // interleaved entry by entry; also with the sizes fixed at compile time.
+        // The same two with matrices (entries `step` apart), vectors and results interleaved
+        // entry by entry; also with the sizes fixed at compile time.
         const int step = 2 + round % 2 * 3;
-        std::vector<cd> P(static_cast<size_t>(step) * rows * cols);
+        std::vector<cf> P(static_cast<size_t>(step) * rows * cols);
         std::vector<cf> w(2 * cols * stride), U(2 * rows);
         for (int j = 0; j < cols; ++j)
             for (int k = 0; k < 2; ++k) {
-                for (int i = 0; i < rows; ++i) P[step * (i + j * rows) + k] = cd(M[k](i, j));
+                for (int i = 0; i < rows; ++i) P[step * (i + j * rows) + k] = M[k](i, j);
                 w[2 * j * stride + k] = xs[k](0, j);
             }
         namespace sm = mrkit::small;

@@ -7,6 +7,7 @@
 #include <complex>
 #include <cstring>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "recon/recon.hpp"
@@ -107,8 +108,8 @@ TEST(Unfold, FoldedRowsLongerThanTheOutputKeepTheLaterX) {
         for (int x = 0; x < 4; ++x) {
             // Folded (x + 4, y - 1) comes after (x, y) when it exists: x = 0, 1 and y >= 1.
             const bool later = x < 2 && y >= 1;
-            const std::complex<float> expect = later ? std::complex<float>(x + 4.0f, y - 1.0f)
-                                                     : std::complex<float>(x, y);
+            const std::complex<float> expect =
+                later ? std::complex<float>(x + 4.0f, y - 1.0f) : std::complex<float>(x, y);
             EXPECT_EQ(out.at(x + 4 * y), expect) << x << ", " << y;
         }
 }
@@ -197,72 +198,89 @@ TEST(Unfold, OnTheGridANeighbourNotFiniteSpoilsOnlyItsVoxels) {
               1);
     ASSERT_TRUE(u.factors.allFinite());
 
-    // Coil 2 of aliased position 1 at grid (x0, y0); not coil 0, which decides the signal.
-    const int x0 = 17, y0 = 9, V = nx * fy;
-    Unfold spoilt = u;
-    spoilt.factors[x0 + nx * y0 + V * (2 * n + 1)] = std::numeric_limits<double>::quiet_NaN();
-
-    for (int threads : {1, 2}) {
-        Split clean = output(nx, ny, 1, 0.0f), dirty = output(nx, ny, 1, 0.0f);
-        ASSERT_EQ(with_threads(threads, [&] { return u.run(data, clean); }), 1);
-        ASSERT_EQ(with_threads(threads, [&] { return spoilt.run(data, dirty); }), 1);
-        std::vector<bool> spoiled(clean.size(), false);
-        Eigen::VectorXi list(n);
-        for (int y : {y0 - 1, y0})
-            for (int x : {x0 - 1, x0}) {
-                ASSERT_EQ(MR_get_unfolded_positions(ny, fy, y, list), n);
-                spoiled[x + nx * list[1]] = true;
+    // Coil 2 of aliased position 1 at grid (x0, y0); not coil 0, which decides the signal. In
+    // the grid's last row too, where the rows around are read up to the factors' end.
+    const int V = nx * fy;
+    for (const auto& [x0, y0] : {std::pair{17, 9}, std::pair{30, fy - 1}}) {
+        Unfold spoilt = u;
+        spoilt.factors[x0 + nx * y0 + V * (2 * n + 1)] = std::numeric_limits<double>::quiet_NaN();
+        for (int threads : {1, 2}) {
+            Split clean = output(nx, ny, 1, 0.0f), dirty = output(nx, ny, 1, 0.0f);
+            ASSERT_EQ(with_threads(threads, [&] { return u.run(data, clean); }), 1);
+            ASSERT_EQ(with_threads(threads, [&] { return spoilt.run(data, dirty); }), 1);
+            std::vector<bool> spoiled(clean.size(), false);
+            Eigen::VectorXi list(n);
+            for (int y : {y0 - 1, y0})
+                for (int x : {x0 - 1, x0}) {
+                    ASSERT_EQ(MR_get_unfolded_positions(ny, fy, y, list), n);
+                    spoiled[x + nx * list[1]] = true;
+                }
+            for (size_t i = 0; i < clean.size(); ++i) {
+                ASSERT_FALSE(std::isnan(clean.re[i]) || std::isnan(clean.im[i])) << i;
+                if (spoiled[i]) {
+                    EXPECT_TRUE(std::isnan(dirty.re[i]) && std::isnan(dirty.im[i]))
+                        << threads << ": " << i % nx << ", " << i / nx << " of " << y0;
+                    continue;
+                }
+                EXPECT_TRUE(std::memcmp(&clean.re[i], &dirty.re[i], sizeof(float)) == 0 &&
+                            std::memcmp(&clean.im[i], &dirty.im[i], sizeof(float)) == 0)
+                    << threads << ": " << i % nx << ", " << i / nx << " of " << y0;
             }
-        for (size_t i = 0; i < clean.size(); ++i) {
-            ASSERT_FALSE(std::isnan(clean.re[i]) || std::isnan(clean.im[i])) << i;
-            if (spoiled[i]) {
-                EXPECT_TRUE(std::isnan(dirty.re[i]) && std::isnan(dirty.im[i]))
-                    << threads << ": " << i % nx << ", " << i / nx;
-                continue;
-            }
-            EXPECT_TRUE(std::memcmp(&clean.re[i], &dirty.re[i], sizeof(float)) == 0 &&
-                        std::memcmp(&clean.im[i], &dirty.im[i], sizeof(float)) == 0)
-                << threads << ": " << i % nx << ", " << i / nx;
         }
     }
 }
 
-// From 128 coils on, Eigen's product sums the coils in blocks, for every row of the voxel's
-// n x coils factor matrix (rows past those with signal included), so a voxel with one position
-// carrying signal is not an inner product. Both, and the voxels read in pairs, must give
-// Eigen's bits.
-TEST(Unfold, ManyCoilsGiveEigensProductToTheBit) {
-    const int nx = 8, ny = 8, fy = 4, coils = 130, n = 2, V = nx * fy;
-    Unfold u{vec({nx, fy, 1, coils}), vec({nx, fy, 1, n * coils}), vec({nx, ny, 1}), {}};
-    u.factors.resize(V * n * coils);
-    for (int i = 0; i < u.factors.size(); ++i)
-        u.factors[i] = cd(std::sin(0.37 * i) + 1.5, std::cos(1.3 * i));
-    // Position 1 carries no signal at every third voxel.
-    for (int i = 0; i < V; i += 3) u.factors[i + V] = 0.0;
-    const Split data = coil_data(nx, fy, 1, coils);
-    Eigen::VectorXi list(n);
-    for (int threads : {1, 2}) {
-        Split out = output(nx, ny, 1, -9.0f);
-        ASSERT_EQ(with_threads(threads, [&] { return u.run(data, out); }), 1);
-        for (int y = 0; y < fy; ++y) {
-            ASSERT_EQ(MR_get_unfolded_positions(ny, fy, y, list), n);
-            for (int x = 0; x < nx; ++x) {
-                const int g = x + nx * y;
-                const bool both = g % 3 != 0;
-                Eigen::MatrixXcf M = Eigen::MatrixXcf::Zero(n, coils);
-                Eigen::VectorXcf v(coils);
-                for (int c = 0; c < coils; ++c) {
-                    for (int m = 0; m < (both ? n : 1); ++m)
-                        M(m, c) = std::complex<float>(u.at(x, y, 0, c * n + m));
-                    v[c] = data.at(g + V * c);
-                }
-                const Eigen::VectorXcf expect = M * v;
-                for (int m = 0; m < n; ++m) {
-                    const std::complex<float> want =
-                        m == 0 || both ? expect[m] : std::complex<float>(-9.0f, -9.0f);
-                    const std::complex<float> got = out.at(x + nx * list[m]);
-                    EXPECT_EQ(0, std::memcmp(&want, &got, sizeof got))
-                        << threads << ": " << x << ", " << y << ", " << m;
+// Every voxel's results are Eigen's u = M v over its n x coils factor matrix, rows past those
+// with signal included. From 128 coils on, Eigen sums the coils in blocks, so a voxel with one
+// position carrying signal is not an inner product. With fewer, neighbours go in pairs, whole
+// chunks of them when every voxel has signal everywhere (even rows here), and an odd n has a
+// scalar last row; rows wider than a chunk end in a partial one.
+TEST(Unfold, EveryVoxelGivesEigensProductToTheBit) {
+    struct Shape {
+        int nx, ny, fy, coils;
+    };
+    for (const Shape shape : {Shape{8, 8, 4, 130}, Shape{75, 8, 4, 8}, Shape{75, 12, 4, 8}}) {
+        const int nx = shape.nx, ny = shape.ny, fy = shape.fy, coils = shape.coils;
+        const int n = ny / fy, V = nx * fy;
+        Unfold u{vec({nx, fy, 1, coils}), vec({nx, fy, 1, n * coils}), vec({nx, ny, 1}), {}};
+        u.factors.resize(V * n * coils);
+        for (int i = 0; i < u.factors.size(); ++i)
+            u.factors[i] = cd(std::sin(0.37 * i) + 1.5, std::cos(1.3 * i));
+        // Position 1 carries no signal at every third voxel of the odd rows (of all rows with
+        // many coils).
+        const auto both = [&](int x, int y) {
+            return (coils < 128 && y % 2 == 0) || (x + nx * y) % 3 != 0;
+        };
+        for (int y = 0; y < fy; ++y)
+            for (int x = 0; x < nx; ++x)
+                if (!both(x, y)) u.factors[x + nx * y + V] = 0.0;
+        const Split data = coil_data(nx, fy, 1, coils);
+        Eigen::VectorXi list(n);
+        for (int threads : {1, 2}) {
+            Split out = output(nx, ny, 1, -9.0f);
+            ASSERT_EQ(with_threads(threads, [&] { return u.run(data, out); }), 1);
+            for (int y = 0; y < fy; ++y) {
+                ASSERT_EQ(MR_get_unfolded_positions(ny, fy, y, list), n);
+                for (int x = 0; x < nx; ++x) {
+                    const int g = x + nx * y;
+                    Eigen::MatrixXcf M = Eigen::MatrixXcf::Zero(n, coils);
+                    Eigen::VectorXcf v(coils);
+                    for (int c = 0; c < coils; ++c) {
+                        for (int m = 0, k = 0; m < n; ++m)
+                            if (m != 1 || both(x, y))
+                                M(k++, c) = std::complex<float>(u.at(x, y, 0, c * n + m));
+                        v[c] = data.at(g + V * c);
+                    }
+                    const Eigen::VectorXcf expect = M * v;
+                    for (int m = 0, k = 0; m < n; ++m) {
+                        const bool signal = m != 1 || both(x, y);
+                        const std::complex<float> want =
+                            signal ? expect[k++] : std::complex<float>(-9.0f, -9.0f);
+                        const std::complex<float> got = out.at(x + nx * list[m]);
+                        EXPECT_EQ(0, std::memcmp(&want, &got, sizeof got))
+                            << coils << " coils, n " << n << ", " << threads << " threads: " << x
+                            << ", " << y << ", " << m;
+                    }
                 }
             }
         }

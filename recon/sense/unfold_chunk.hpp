@@ -1,0 +1,259 @@
+// What the unfolding's steps share: the sizes and sampling of the factor grid, one (y, z) row
+// of folded voxels, and a thread's scratch for a chunk of that row and its kept factor rows.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <vector>
+
+#include "recon/recon.hpp"
+#include "recon/sense/factor_rows.hpp"
+#include "recon/sense/products.hpp"
+
+namespace mrkit::sense::unfolding {
+
+// Where one folded index samples the factor grid: the coordinate (never below 0), its nearest
+// grid index for the signal mask, and its lower grid index and fraction for interpolation.
+struct Sample {
+    float coord;
+    int nearest, lower;
+    double fraction;
+};
+
+// Folded index i -> factor-grid coordinate, first to first and last to last; along y and z the
+// coordinate is snapped to the factor grid's compartments, so the interpolation never blends
+// factors of differently aliased voxels.
+inline std::vector<Sample> samples(int folded, int grid, int fullSize, const float* gridBounds) {
+    float imageBounds[2] = {-1.0f, -1.0f};
+    if (gridBounds) get_compartments(fullSize, folded, imageBounds);
+    const float step =
+        folded > 1 ? static_cast<float>(grid - 1) / static_cast<float>(folded - 1) : 0.0f;
+    std::vector<Sample> out(folded);
+    for (int i = 0; i < folded; ++i) {
+        float c = folded == 1 ? 0.0f : static_cast<float>(i) * step;
+        if (gridBounds) c = static_cast<float>(pos2interpolate(c, i, imageBounds, gridBounds));
+        if (c < 0) c = 0;
+        const int lower = static_cast<int>(c);
+        out[i] = {c, MR_round(c), lower, c - static_cast<float>(lower)};
+    }
+    return out;
+}
+
+// Aliased full positions of every folded index of one axis, `most` entries per index.
+struct Aliases {
+    int most;
+    std::vector<int> count, position;
+    Aliases(int fullSize, int folded)
+        : most(static_cast<int>(ceilf(static_cast<float>(fullSize) / static_cast<float>(folded)))),
+          count(folded),
+          position(static_cast<size_t>(folded) * most) {
+        Eigen::VectorXi list(most);
+        for (int i = 0; i < folded; ++i) {
+            count[i] = MR_get_unfolded_positions(fullSize, folded, i, list);
+            std::copy(list.data(), list.data() + most, position.begin() + i * most);
+        }
+    }
+    const int* of(int i) const { return position.data() + static_cast<size_t>(i) * most; }
+};
+
+// Aliased positions per folded voxel up to which the output offsets are kept per row.
+constexpr int kMaxSlots = 64;
+
+// Whether voxels whose positions all carry signal go in pairs: the pair kernels (when built) take
+// fewer than kBlockedColumns coils; a single position reads its half of the interleaved matrix
+// through a stride.
+inline bool paired(int n, int coils) {
+#ifdef MRKIT_AVX2_PAIRS
+    return n == 1 || coils < mrkit::small::kBlockedColumns;
+#else
+    (void)coils;
+    return n == 1;
+#endif
+}
+
+// Factor-grid columns of the widest strip a thread works through at a time.
+constexpr int kStripWidth = 264;
+
+// What every thread reads: sizes, sampling of the factor grid and aliased positions.
+struct Layout {
+    int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
+    int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
+    std::vector<Sample> xs, ys, zs;
+    bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
+    bool onGrid;       // that fraction is 0
+    bool allOnGrid;    // and every y and z samples the grid at its lower corner too
+    bool unitColumns;  // each x's lower grid column is the one after the previous x's
+    bool unitNearest;  // and so its nearest
+    Aliases yAlias, zAlias;
+    int slots, blocks;
+    const cd* factors;
+
+    Layout(const Eigen::VectorXi& foldedDims, const Eigen::VectorXcd& f,
+           const Eigen::VectorXi& factorDims, const Eigen::VectorXi& fullDims,
+           const float* yCompartments, const float* zCompartments)
+        : fd0(foldedDims[0]),
+          fd1(foldedDims[1]),
+          fd2(foldedDims[2]),
+          fd3(foldedDims[3]),
+          N0(fullDims[0]),
+          N1(fullDims[1]),
+          N2(fullDims[2]),
+          F0(factorDims[0]),
+          F1(factorDims[1]),
+          F2(factorDims[2]),
+          slab(fd0 * fd1),
+          volume(slab * fd2),
+          foldedTotal(foldedDims.prod()),
+          plane(F0 * F1),
+          V(plane * F2),
+          outPlane(N0 * N1),
+          outTotal(outPlane * N2),
+          xs(samples(fd0, F0, N0, nullptr)),
+          ys(samples(fd1, F1, N1, yCompartments)),
+          zs(samples(fd2, F2, N2, zCompartments)),
+          oneFraction(std::all_of(xs.begin(), xs.end(),
+                                  [&](const Sample& s) {
+                                      return std::memcmp(&s.fraction, &xs[0].fraction,
+                                                         sizeof(double)) == 0;
+                                  })),
+          onGrid(oneFraction && xs[0].fraction == 0.0),
+          allOnGrid(
+              onGrid &&
+              std::all_of(ys.begin(), ys.end(),
+                          [](const Sample& s) { return s.fraction == 0.0; }) &&
+              std::all_of(zs.begin(), zs.end(), [](const Sample& s) { return s.fraction == 0.0; })),
+          unitColumns(std::adjacent_find(xs.begin(), xs.end(),
+                                         [](const Sample& a, const Sample& b) {
+                                             return b.lower != a.lower + 1;
+                                         }) == xs.end()),
+          unitNearest(std::adjacent_find(xs.begin(), xs.end(),
+                                         [](const Sample& a, const Sample& b) {
+                                             return b.nearest != a.nearest + 1;
+                                         }) == xs.end()),
+          yAlias(N1, fd1),
+          zAlias(N2, fd2),
+          slots(yAlias.most * zAlias.most),
+          // Blocks a voxel may read, as far as the factor vector holds them.
+          blocks(V > 0 ? static_cast<int>(std::min<Eigen::Index>(
+                             static_cast<Eigen::Index>(slots) * fd3, f.size() / V))
+                       : 0),
+          factors(f.data()) {}
+};
+
+// One (y, z) row of folded voxels: its aliased positions and where it samples the factor grid.
+struct Row {
+    int y, z, ny, nz, n;
+    const int *yList, *zList;
+    const Sample *sy, *sz;
+    int rowBase;  // flat factor index of the row's lower corner but for x
+    int gridRow;  // row of that corner among the factor grid's F1 * F2 rows
+    // Corner rows, once fetched: as they are (kept, or where they lie in the factors when the
+    // rows are kept narrowed) and narrowed.
+    const cd* kept[4] = {nullptr, nullptr, nullptr, nullptr};
+    const cf* narrowed[4] = {nullptr, nullptr, nullptr, nullptr};
+    bool finite = true;  // every entry of those rows, when the rows are checked
+    bool onGrid;         // every voxel of the row samples the grid at its lower corner
+
+    Row(const Layout& L, int y_, int z_)
+        : y(y_),
+          z(z_),
+          ny(L.yAlias.count[y_]),
+          nz(L.zAlias.count[z_]),
+          n(ny * nz),
+          yList(L.yAlias.of(y_)),
+          zList(L.zAlias.of(z_)),
+          sy(&L.ys[y_]),
+          sz(&L.zs[z_]),
+          rowBase(sy->lower * L.F0 + sz->lower * L.plane),
+          gridRow(sy->lower + sz->lower * L.F1),
+          onGrid(L.onGrid && sy->fraction == 0.0 && sz->fraction == 0.0) {}
+};
+
+// One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased
+// positions carry signal, how each voxel's factors are read, its factor matrix M, and the coil
+// values. Voxels with every position carrying signal and the usual corners (from kept rows) go
+// in pairs of neighbours (or alone) through the AVX2 loops; their two matrices are interleaved.
+struct Chunk {
+    static constexpr int kLength = 64;
+    const int slots, coils;
+    int active = 0;              // voxels with signal, in x order
+    int full = 0;                // of them, with signal at every position
+    int uniform = -1;            // the corners of every voxel, when alike and read from kept rows
+    bool dense = false;          // every voxel in a pair, pair p of voxels 2p and 2p + 1
+    std::vector<int> x, valid;   // their x and number of positions with signal
+    std::vector<int> rowOf;      // slots per voxel: row of position m in M, or -1
+    std::vector<int> corners;    // 4 or 8 from kept rows, 0 read from the factors as they lie
+    std::vector<double> weight;  // 8 per voxel, when the voxels' weights differ
+    double shared[8];            // the weights of every voxel, when they are alike
+    bool sharedWeights = false;  // they are
+    std::vector<cf> M;           // n x coils per voxel, column-major, the rows with signal first
+    std::vector<cf> values;      // coil values of each x of the chunk, one spare at the end
+    std::vector<cf> u, u2;       // results of one voxel, or of two
+    // Pairs: the voxel's pair or -1; per pair its first voxel, whether the next is the second,
+    // grid column, interleaved matrices and results. The matrices may also be read straight from
+    // a narrowed kept row (`grid`, entry e of pair p at grid[column[p] + e gridStep]) by the same
+    // kernel.
+    int pairs = 0;
+    std::vector<int> pairOf, first, two, column;
+    std::vector<cf> P, U;
+    const cf* grid = nullptr;
+    int gridStep = 0;
+
+    Chunk(int s, int c)
+        : slots(s),
+          coils(c),
+          x(kLength),
+          valid(kLength),
+          rowOf(static_cast<size_t>(kLength) * s),
+          corners(kLength),
+          weight(static_cast<size_t>(kLength) * 8),
+          M(static_cast<size_t>(kLength) * s * c),
+          values(static_cast<size_t>(kLength) * c + 1),
+          u(s),
+          u2(s),
+          pairOf(kLength),
+          first(kLength),
+          two(kLength),
+          column(kLength),
+          P(static_cast<size_t>(kLength) * pair_stride()),
+          U(static_cast<size_t>(kLength) * 2 * s) {}
+    int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
+    double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
+    const double* weights_of(int i) { return sharedWeights ? shared : weights(i); }
+    cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
+    cf* values_at(int c) { return values.data() + static_cast<size_t>(c) * kLength; }
+    size_t pair_stride() const { return 2 * static_cast<size_t>(slots) * coils; }
+    const cf* pair_matrix(int p) const {
+        return grid ? grid + column[p] : P.data() + p * pair_stride();
+    }
+    int pair_step() const { return grid ? gridStep : 2; }
+    cf* pair_result(int p) { return U.data() + static_cast<size_t>(p) * 2 * slots; }
+};
+
+// A thread's kept factor rows: narrowed where every voxel samples the grid at its lower corner
+// (the factors of every pair read from there), otherwise as they are.
+struct KeptRows {
+    bool narrowed;
+    mrkit::sense::FactorRows<cd> exact;
+    mrkit::sense::FactorRows<cf> narrow;
+    // Rows y and y + 1, and in 3-D the same one plane on.
+    static int rows(const Layout& L) { return L.F2 > 1 ? 4 : 2; }
+    KeptRows(const Layout& L, bool avx2, int capacity)
+        : narrowed(L.allOnGrid && avx2),
+          exact(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? 0 : rows(L)),
+          narrow(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? rows(L) : 0) {}
+    void columns(int lo, int width) {
+        exact.columns(lo, width);
+        narrow.columns(lo, width);
+    }
+};
+
+// Lists the chunk x0 .. x1 - 1 of a row's voxels with signal and how their corners are read.
+void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chunk& ch);
+
+// The factor matrix of every voxel of the chunk listed, or where the pair kernel reads it.
+void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, Chunk& ch);
+
+}  // namespace mrkit::sense::unfolding

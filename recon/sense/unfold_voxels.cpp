@@ -1,0 +1,311 @@
+// The voxels of a chunk: which carry signal at which aliased positions, and their factor
+// matrices, interpolated from kept rows of the factor grid (or read from them in place).
+#include <cmath>
+#include <complex>
+#include <type_traits>
+
+#include "recon/sense/corners.hpp"
+#include "recon/sense/unfold_chunk.hpp"
+
+namespace mrkit::sense::unfolding {
+namespace {
+
+inline cf narrow(cd v) {
+    return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
+}
+
+// Entries 0 .. count - 1 of runs into to[0], to[2], ...: one voxel's half of a pair matrix.
+template <class Runs>
+void weighted(const Runs& runs, int count, cf* to) {
+    for (int e = 0; e < count; ++e) to[2 * e] = runs.at(e);
+}
+
+// Weight of corner k < count: (x weight * y weight) * z weight, each t or 1 - t.
+template <class Count>
+void weigh(Count count, const Sample& sx, const double* wy, const double* wz, double* w) {
+    const double wx[2] = {1.0 - sx.fraction, sx.fraction};
+    for (int k = 0; k < count(); ++k) w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
+}
+
+// Which corners voxel x reads (see find_signal): 8, 4 or 0.
+struct CornerKinds {
+    long all8, from4, below4;
+    int of(int lower) const { return lower < all8 ? 8 : lower >= from4 && lower < below4 ? 4 : 0; }
+};
+
+// Either part of the factor non-zero (or not a number).
+inline bool signal(const cd* f) {
+#if defined(__SSE2__)
+    return _mm_movemask_pd(_mm_cmpneq_pd(_mm_loadu_pd(reinterpret_cast<const double*>(f)),
+                                         _mm_setzero_pd())) != 0;
+#else
+    return f->real() != 0.0 || f->imag() != 0.0;
+#endif
+}
+
+#ifdef MRKIT_AVX2
+// Whether each of the `count` entries from f, and from f + k V for every k < n, has signal.
+__attribute__((target("avx2"))) bool all_signal_avx2(const cd* f, int V, int n, int count) {
+    const __m256d zero = _mm256_setzero_pd();
+    __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+    for (int k = 0; k < n; ++k) {
+        const double* in = reinterpret_cast<const double*>(f + static_cast<size_t>(k) * V);
+        int q = 0;
+        for (; q + 2 <= count; q += 2) {
+            const __m256d part = _mm256_cmp_pd(_mm256_loadu_pd(in + 2 * q), zero, _CMP_NEQ_UQ);
+            all = _mm256_and_pd(all, _mm256_or_pd(part, _mm256_permute_pd(part, 0x5)));
+        }
+        if (q < count && !signal(f + static_cast<size_t>(k) * V + q)) return false;
+    }
+    return _mm256_movemask_pd(all) == 0xF;
+}
+#endif
+
+// find_signal where every voxel reads the same corners with the same weights and the voxels'
+// nearest grid columns follow one another: each position's tests read one run along x, and a
+// voxel with signal everywhere takes its rows in order.
+template <int N>
+void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, bool avx2,
+                     Chunk& ch) {
+    const cd* f = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
+#ifdef MRKIT_AVX2
+    if (avx2 && all_signal_avx2(f, L.V, N, x1 - x0)) {
+        for (int i = 0; i < x1 - x0; ++i) {
+            ch.x[i] = x0 + i;
+            ch.valid[i] = N;
+            ch.corners[i] = corners;
+            int* rows = ch.rows(i);
+            for (int m = 0; m < N; ++m) rows[m] = m;
+        }
+        ch.active = ch.full = x1 - x0;
+        return;
+    }
+#else
+    (void)avx2;
+#endif
+    for (int x = x0; x < x1; ++x, ++f) {
+        int bits = 0;
+        for (int m = 0; m < N; ++m) bits |= signal(f + static_cast<size_t>(m) * L.V) << m;
+        if (bits == 0) continue;
+        const int i = ch.active++;
+        int* rows = ch.rows(i);
+        ch.x[i] = x;
+        ch.corners[i] = corners;
+        if (bits == (1 << N) - 1) {
+            ch.valid[i] = N;
+            ++ch.full;
+            for (int m = 0; m < N; ++m) rows[m] = m;
+            continue;
+        }
+        int valid = 0;
+        for (int m = 0; m < N; ++m) rows[m] = bits >> m & 1 ? valid++ : -1;
+        ch.valid[i] = valid;
+    }
+}
+
+// Coil 0's factor at the nearest grid voxel says which positions carry signal; outside the
+// object this is the only work done. N > 0 fixes the number of positions n, so the test unrolls.
+template <int N>
+void find_signal(const Layout& L, const Row& row, int x0, int x1, const CornerKinds& kinds,
+                 int uniform, Chunk& ch) {
+    const int n = N > 0 ? N : row.n;
+    const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
+    const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
+    const cd* nearest = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0;
+    for (int x = x0; x < x1; ++x) {
+        const Sample& sx = L.xs[x];
+        const cd* f = nearest + sx.nearest;
+        int* rows = ch.rows(ch.active);
+        int valid = 0;
+        for (int m = 0; m < n; ++m, f += L.V) rows[m] = signal(f) ? valid++ : -1;
+        if (valid == 0) continue;
+        const int i = ch.active++;
+        ch.x[i] = x;
+        ch.valid[i] = valid;
+        ch.full += valid == n;
+        const int corners = uniform >= 0 ? uniform : kinds.of(sx.lower);
+        ch.corners[i] = corners;
+        if (!ch.sharedWeights) {
+            if (corners == 4)
+                weigh(std::integral_constant<int, 4>(), sx, wy, wz, ch.weights(i));
+            else if (corners == 8)
+                weigh(std::integral_constant<int, 8>(), sx, wy, wz, ch.weights(i));
+        }
+    }
+}
+
+}  // namespace
+
+// Lists the chunk's voxels with signal and how their corners are read: from the kept rows when
+// they are the usual four (one plane) or eight, otherwise, at the grid's end, from the factors as
+// they lie.
+void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chunk& ch) {
+    const int n = row.n;
+    // Corners as MR_linear_interpolation picks them for lower corner b = x's lower + rowBase;
+    // within a block, so the block bound (block + 1) * V leaves b + offset < V as the test: all
+    // eight below all8, one plane from from4 to below4, none when the blocks are not all there.
+    const bool blocks = static_cast<long>(n) * L.fd3 <= L.blocks;
+    const long rest = static_cast<long>(L.V) - row.rowBase;
+    const CornerKinds kinds{blocks ? rest - L.F0 - 1 - L.plane : 0, rest - L.plane,
+                            blocks ? rest - L.F0 - 1 : 0};
+    // Lower corners do not fall along x, and eight corners or four are each one run of them: when
+    // the chunk's first and last voxel read the same, so do all between.
+    const int first = kinds.of(L.xs[x0].lower);
+    const int uniform = first != 0 && kinds.of(L.xs[x1 - 1].lower) == first ? first : -1;
+    ch.uniform = uniform;
+    ch.sharedWeights = L.oneFraction;
+    // Four corners use the first four weights of eight.
+    if (L.oneFraction) {
+        const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
+        const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
+        weigh(std::integral_constant<int, 8>(), L.xs[x0], wy, wz, ch.shared);
+    }
+    ch.active = 0;
+    ch.full = 0;
+    if (uniform > 0 && L.oneFraction && L.unitNearest) switch (n) {
+            case 2:
+                return find_signal_run<2>(L, row, x0, x1, uniform, avx2, ch);
+            case 3:
+                return find_signal_run<3>(L, row, x0, x1, uniform, avx2, ch);
+            case 4:
+                return find_signal_run<4>(L, row, x0, x1, uniform, avx2, ch);
+        }
+    switch (n) {
+        case 2:
+            return find_signal<2>(L, row, x0, x1, kinds, uniform, ch);
+        case 3:
+            return find_signal<3>(L, row, x0, x1, kinds, uniform, ch);
+        case 4:
+            return find_signal<4>(L, row, x0, x1, kinds, uniform, ch);
+        default:
+            return find_signal<0>(L, row, x0, x1, kinds, uniform, ch);
+    }
+}
+
+// M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
+// (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
+// unused, as the product still takes them.
+void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, Chunk& ch) {
+    const int n = row.n, count = n * L.fd3;
+    // Rows as they are: kept, or where they lie when the kept rows are narrowed.
+    const int stride = cache.narrowed ? L.V : cache.exact.stride();
+    int kept = 0;  // corners whose rows are fetched
+    const auto keep_rows = [&](int corners) {
+        if (corners <= kept) return;
+        kept = corners;
+        for (int r = 0; r < corners / 2; ++r) {
+            if (row.kept[r]) continue;
+            const int gridRow = row.gridRow + (r & 1) + (r & 2 ? L.F1 : 0);
+            if (!cache.narrowed) {
+                row.kept[r] = cache.exact.row(gridRow, count);
+                continue;
+            }
+            row.narrowed[r] = cache.narrow.row(gridRow, count, &row.finite);
+            row.kept[r] = L.factors + static_cast<size_t>(gridRow) * L.F0 + lo;
+        }
+    };
+    ch.pairs = 0;
+    ch.grid = nullptr;
+    int kinds = 0;
+    // Every voxel with signal everywhere, alike in corners, at consecutive x and grid columns:
+    // neighbours pair up in order, as the loop below would pair them.
+    ch.dense = avx2 && n >= 2 && paired(n, L.fd3) && ch.uniform > 0 && ch.full == ch.active &&
+               L.unitColumns && ch.x[ch.active - 1] - ch.x[0] == ch.active - 1;
+    if (ch.dense) {
+        keep_rows(ch.uniform);
+        kinds = ch.uniform;
+        const int column = L.xs[ch.x[0]].lower - lo;
+        ch.pairs = (ch.active + 1) / 2;
+        for (int p = 0; p < ch.pairs; ++p) {
+            ch.first[p] = 2 * p;
+            ch.two[p] = 2 * p + 1 < ch.active;
+            ch.column[p] = column + 2 * p;
+        }
+    }
+    for (int i = 0; i < (ch.dense ? 0 : ch.active); ++i) {
+        ch.pairOf[i] = -1;
+        const int corners = ch.corners[i];
+        const int* rows = ch.rows(i);
+        cf* out = ch.matrix(i);
+        if (corners == 0) {
+            const Sample& sx = L.xs[ch.x[i]];
+            const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.plane, L.V, sx.fraction,
+                                            row.sy->fraction, row.sz->fraction);
+            for (int c = 0; c < L.fd3; ++c)
+                for (int m = 0; m < n; ++m)
+                    if (rows[m] >= 0)
+                        out[rows[m] + static_cast<size_t>(c) * n] =
+                            narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
+            continue;
+        }
+        keep_rows(corners);
+        const int column = L.xs[ch.x[i]].lower - lo;
+        if (avx2 && ch.valid[i] == n && paired(n, L.fd3)) {
+            // With the next voxel when that is the neighbour in x and in grid columns and alike;
+            // otherwise the other half holds the next grid column's factors, unused.
+            const bool two = i + 1 < ch.active && ch.corners[i + 1] == corners &&
+                             ch.valid[i + 1] == n && ch.x[i + 1] == ch.x[i] + 1 &&
+                             L.xs[ch.x[i + 1]].lower - lo == column + 1;
+            const int p = ch.pairs++;
+            ch.first[p] = i;
+            ch.two[p] = two;
+            ch.column[p] = column;
+            kinds |= corners;
+            ch.pairOf[i] = p;
+            if (two) ch.pairOf[++i] = p;
+            continue;
+        }
+        const auto one = [&](const auto& runs) {
+            if (ch.valid[i] == n) return runs.all(count, out);
+            for (int c = 0; c < L.fd3; ++c)
+                for (int m = 0; m < n; ++m)
+                    if (rows[m] >= 0)
+                        out[rows[m] + static_cast<size_t>(c) * n] = runs.at(c * n + m);
+        };
+        if (corners == 4)
+            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights_of(i)});
+        else
+            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)});
+    }
+#ifdef MRKIT_AVX2
+    // On the grid the weights but the lower corner's are 0, and with finite corners they add
+    // zeros: the factors are the lower corner's, read narrowed from its kept row. (Only a -0
+    // factor could come out otherwise, as +0; no output shows the sign of a zero factor, since
+    // every coil product is added to a zero at its end.)
+    if (ch.pairs > 0 && cache.narrowed && row.finite) {
+        ch.grid = row.narrowed[0];
+        ch.gridStep = cache.narrow.stride();
+        return;
+    }
+    if (cache.narrowed) {
+        // Rows not all finite: the weighted sums voxel by voxel from the factors where they lie,
+        // since a pair's read of the next columns could pass the end of the factor vector.
+        for (int p = 0; p < ch.pairs; ++p)
+            for (int k = 0; k < (ch.two[p] ? 2 : 1); ++k) {
+                const int i = ch.first[p] + k, column = ch.column[p] + k;
+                cf* to = ch.P.data() + p * ch.pair_stride() + k;
+                if (ch.corners[i] == 4)
+                    weighted(
+                        mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights_of(i)},
+                        count, to);
+                else
+                    weighted(
+                        mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)},
+                        count, to);
+            }
+        return;
+    }
+    if (kinds & 4)
+        mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.first.data(),
+                                    ch.two.data(), ch.corners.data(), ch.column.data(),
+                                    ch.sharedWeights ? ch.shared : ch.weight.data(),
+                                    ch.sharedWeights ? 0 : 8, ch.P.data(), ch.pair_stride());
+    if (kinds & 8)
+        mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.first.data(),
+                                    ch.two.data(), ch.corners.data(), ch.column.data(),
+                                    ch.sharedWeights ? ch.shared : ch.weight.data(),
+                                    ch.sharedWeights ? 0 : 8, ch.P.data(), ch.pair_stride());
+#endif
+}
+
+}  // namespace mrkit::sense::unfolding
