@@ -70,16 +70,7 @@ __attribute__((target("avx2"))) void pair_products_avx2(Chunk& ch, int n, int co
 // matrix lies, takes the same code.
 template <int Coils>
 void pair_products(Chunk& ch, int n, int coils, int x0) {
-    switch (n) {
-        case 2:
-            return pair_products_avx2<Coils, 2>(ch, n, coils, x0);
-        case 3:
-            return pair_products_avx2<Coils, 3>(ch, n, coils, x0);
-        case 4:
-            return pair_products_avx2<Coils, 4>(ch, n, coils, x0);
-        default:
-            return pair_products_avx2<Coils, 0>(ch, n, coils, x0);
-    }
+    with_positions(n, [&](auto N) { pair_products_avx2<Coils, N()>(ch, n, coils, x0); });
 }
 
 void pair_products(Chunk& ch, int n, int coils, int x0) {

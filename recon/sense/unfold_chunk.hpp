@@ -6,6 +6,7 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "recon/recon.hpp"
@@ -71,6 +72,22 @@ inline bool paired(int n, int coils) {
     (void)coils;
     return n == 1;
 #endif
+}
+
+// Calls f with the number of aliased positions n as a compile-time constant from 2 to 4, so that
+// loops over them unroll (0: any other n).
+template <class F>
+void with_positions(int n, F&& f) {
+    switch (n) {
+        case 2:
+            return f(std::integral_constant<int, 2>());
+        case 3:
+            return f(std::integral_constant<int, 3>());
+        case 4:
+            return f(std::integral_constant<int, 4>());
+        default:
+            return f(std::integral_constant<int, 0>());
+    }
 }
 
 // Factor-grid columns of the widest strip a thread works through at a time.

@@ -162,24 +162,12 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chu
     }
     ch.active = 0;
     ch.full = 0;
-    if (uniform > 0 && L.oneFraction && L.unitNearest) switch (n) {
-            case 2:
-                return find_signal_run<2>(L, row, x0, x1, uniform, avx2, ch);
-            case 3:
-                return find_signal_run<3>(L, row, x0, x1, uniform, avx2, ch);
-            case 4:
-                return find_signal_run<4>(L, row, x0, x1, uniform, avx2, ch);
-        }
-    switch (n) {
-        case 2:
-            return find_signal<2>(L, row, x0, x1, kinds, uniform, ch);
-        case 3:
-            return find_signal<3>(L, row, x0, x1, kinds, uniform, ch);
-        case 4:
-            return find_signal<4>(L, row, x0, x1, kinds, uniform, ch);
-        default:
-            return find_signal<0>(L, row, x0, x1, kinds, uniform, ch);
-    }
+    with_positions(n, [&](auto N) {
+        if constexpr (N() > 0)
+            if (uniform > 0 && L.oneFraction && L.unitNearest)
+                return find_signal_run<N()>(L, row, x0, x1, uniform, avx2, ch);
+        find_signal<N()>(L, row, x0, x1, kinds, uniform, ch);
+    });
 }
 
 // M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
