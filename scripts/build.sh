@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs whatever is missing, then configures and builds one CMake preset (default: "default").
-#   scripts/build.sh [default|asan|tsan]
+#   scripts/build.sh [default|asan|tsan|avx2]
 set -euo pipefail
 preset=${1:-default}
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
