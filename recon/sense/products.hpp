@@ -473,8 +473,10 @@ inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool bIde
 inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (lazy(b.cols(), a.rows(), b.rows()))
-        return times<true>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(), a.rows(),
-                           b.rows(), dst.data(), dst.rows());
+        return with_inner(a.cols(), [&](auto M) {
+            times<true, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
+                             a.rows(), b.rows(), dst.data(), dst.rows());
+        });
 #endif
     dst.noalias() = a * b.adjoint();
 }
