@@ -12,6 +12,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "recon/cpu.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
@@ -314,7 +315,7 @@ class Worker {
         namespace sp = mrkit::small;
         const auto Sk = S_.leftCols(K);
         sp::adjoint_times(Sk, p_.psiInv, m.T, p_.psiIdentity);
-        sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A);
+        sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A, avx2_);
 #ifdef MRKIT_SMALL_PRODUCTS
         if (K <= sp::kSmallSolve)
             sp::lu_inverse(m.A.data(), K, K, m.factored.data(), m.inv.data());
@@ -324,12 +325,13 @@ class Worker {
             m.lu.compute(m.A);
             lu_inverse(m.lu, m.inv);
         }
-        sp::times_adjoint(m.inv, Sk, m.W);
+        sp::times_adjoint(m.inv, Sk, m.W, avx2_);
         sp::times(m.W, p_.psiInv, m.U, p_.psiIdentity);
         return m.U;
     }
 
     const Problem& p_;
+    const bool avx2_ = mrkit::has_avx2();
     const int slots_, tile_;
     std::vector<double> prior_;
     Eigen::MatrixXcd S_, D_;

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <limits>
 #include <type_traits>
 
 namespace mrkit::small {
@@ -292,6 +293,44 @@ __attribute__((target("avx2"))) inline __m256 pmul_avx2(__m256 a, __m256 b) {
         _mm256_xor_ps(_mm256_mul_ps(_mm256_movehdup_ps(a), _mm256_permute_ps(b, 0xB1)), sign));
 }
 
+// times() for two rows of dst at a time, one per 128-bit lane: lane by lane the operations of
+// Eigen's complex<double> product (pmul<Packet1cd>) and the same sums. An odd last row goes
+// through times() itself.
+template <bool adjointB, int M = 0>
+__attribute__((target("avx2"))) inline void times_avx2(const cd* a, Eigen::Index lda, const cd* b,
+                                                       Eigen::Index ldb, Eigen::Index runtimeM,
+                                                       Eigen::Index k, Eigen::Index n, cd* dst,
+                                                       Eigen::Index ldd, const cd* add = nullptr,
+                                                       Eigen::Index ldadd = 0) {
+    const Eigen::Index m = M > 0 ? M : runtimeM, pairs = k / 2 * 2;
+    const long long sign = std::numeric_limits<long long>::min();
+    const __m256d realSign = _mm256_castsi256_pd(_mm256_setr_epi64x(sign, 0, sign, 0));
+    const __m256d imagSign = _mm256_castsi256_pd(_mm256_setr_epi64x(0, sign, 0, sign));
+    for (Eigen::Index c = 0; c < n; ++c)
+        for (Eigen::Index r = 0; r < pairs; r += 2) {
+            __m256d s = _mm256_setzero_pd();
+            for (Eigen::Index i = 0; i < m; ++i) {
+                const __m256d x = _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
+                __m256d y = _mm256_broadcast_pd(
+                    reinterpret_cast<const __m128d*>(adjointB ? b + c + i * ldb : b + i + c * ldb));
+                if (adjointB) y = _mm256_xor_pd(y, imagSign);
+                const __m256d p = _mm256_add_pd(
+                    _mm256_mul_pd(_mm256_movedup_pd(x), y),
+                    _mm256_xor_pd(
+                        _mm256_mul_pd(_mm256_permute_pd(x, 0xF), _mm256_permute_pd(y, 0x5)),
+                        realSign));
+                s = _mm256_add_pd(p, s);
+            }
+            if (add)
+                s = _mm256_add_pd(
+                    s, _mm256_loadu_pd(reinterpret_cast<const double*>(add + r + c * ldadd)));
+            _mm256_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), s);
+        }
+    if (pairs < k)
+        times<adjointB, M>(a + pairs, lda, b, ldb, m, k - pairs, n, dst + pairs, ldd,
+                           add ? add + pairs : nullptr, ldadd);
+}
+
 // Two complex at a, then two at b.
 __attribute__((target("avx2"))) inline __m256 load_two(const cf* a, const cf* b) {
     return _mm256_insertf128_ps(
@@ -440,16 +479,24 @@ inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst,
     dst.noalias() = a.adjoint() * b;
 }
 
-// dst = a b + add
-inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::MatrixXcd& dst) {
+// dst = a b + add; `avx2` says that the processor has AVX2
+inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::MatrixXcd& dst,
+                       bool avx2 = false) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (lazy(b.rows(), a.rows(), b.cols()))
         return with_inner(a.cols(), [&](auto M) {
+#ifdef MRKIT_AVX2_PAIRS
+            if (avx2)
+                return times_avx2<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(),
+                                              a.cols(), a.rows(), b.cols(), dst.data(), dst.rows(),
+                                              add.data(), add.outerStride());
+#endif
             times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
                               a.rows(), b.cols(), dst.data(), dst.rows(), add.data(),
                               add.outerStride());
         });
 #endif
+    (void)avx2;
     dst.noalias() = a * b;
     dst += add;
 }
@@ -469,15 +516,21 @@ inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool bIde
     dst.noalias() = a * b;
 }
 
-// dst = a b^H
-inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst) {
+// dst = a b^H; `avx2` says that the processor has AVX2
+inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool avx2 = false) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (lazy(b.cols(), a.rows(), b.rows()))
         return with_inner(a.cols(), [&](auto M) {
+#ifdef MRKIT_AVX2_PAIRS
+            if (avx2)
+                return times_avx2<true, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(),
+                                             a.cols(), a.rows(), b.rows(), dst.data(), dst.rows());
+#endif
             times<true, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
                              a.rows(), b.rows(), dst.data(), dst.rows());
         });
 #endif
+    (void)avx2;
     dst.noalias() = a * b.adjoint();
 }
 

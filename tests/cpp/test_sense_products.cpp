@@ -74,16 +74,18 @@ TEST(SmallProducts, BitIdenticalToEigenExpressions) {
         sp::adjoint_times(Sk, psi, got, identity);
         ASSERT_TRUE(same_bits(expected, got)) << "S^H psi, coils " << coils << ", K " << K;
 
+        // Also two rows at a time where the processor has AVX2.
         const MatrixXcd T = got;
         MatrixXcd A(K, K), A2(K, K);
         A.noalias() = T * Sk;
         A += Dk;
-        sp::times_plus(T, Sk, Dk, A2);
-        ASSERT_TRUE(same_bits(A, A2)) << "T S + D, coils " << coils << ", K " << K;
-
         expected.noalias() = inv * Sk.adjoint();
-        sp::times_adjoint(inv, Sk, got);
-        ASSERT_TRUE(same_bits(expected, got)) << "inv S^H, coils " << coils << ", K " << K;
+        for (const bool avx2 : {false, mrkit::has_avx2()}) {
+            sp::times_plus(T, Sk, Dk, A2, avx2);
+            ASSERT_TRUE(same_bits(A, A2)) << "T S + D, coils " << coils << ", K " << K;
+            sp::times_adjoint(inv, Sk, got, avx2);
+            ASSERT_TRUE(same_bits(expected, got)) << "inv S^H, coils " << coils << ", K " << K;
+        }
 
         // Also free-standing values, which the chain never hands on (negative zeros).
         const MatrixXcd W = round % 4 == 1 ? v.matrix(K, coils) : got;
