@@ -177,9 +177,9 @@ struct CornerRuns {
     // the caller's code goes, which picks the other NaN of two.
     __attribute__((noinline)) cf at(int e) const { return entry(e); }
 
-    // Entries 0 .. count - 1 into out[0 .. count - 1].
-    __attribute__((noinline)) void all(int count, cf* out) const {
-        for (int e = 0; e < count; ++e) out[e] = entry(e);
+    // Entries 0 .. count - 1 into out[0], out[step], ...
+    __attribute__((noinline)) void all(int count, cf* out, int step = 1) const {
+        for (int e = 0; e < count; ++e) out[static_cast<size_t>(e) * step] = entry(e);
     }
 
   private:

@@ -24,12 +24,11 @@ using mrkit::sense::cf;
 inline void gather(const float* re, const float* im, int x0, int x1, cf* out) {
     int x = x0;
 #if defined(__SSE2__)
-    float* to = reinterpret_cast<float*>(out) - 2 * x0;
     if (im)
-        for (; x + 4 <= x1; x += 4) {
+        for (float* to = reinterpret_cast<float*>(out); x + 4 <= x1; x += 4, to += 8) {
             const __m128 r = _mm_loadu_ps(re + x), i = _mm_loadu_ps(im + x);
-            _mm_storeu_ps(to + 2 * x, _mm_unpacklo_ps(r, i));
-            _mm_storeu_ps(to + 2 * x + 4, _mm_unpackhi_ps(r, i));
+            _mm_storeu_ps(to, _mm_unpacklo_ps(r, i));
+            _mm_storeu_ps(to + 4, _mm_unpackhi_ps(r, i));
         }
 #endif
     for (; x < x1; ++x) out[x - x0] = cf(re[x], im ? im[x] : 0.0f);

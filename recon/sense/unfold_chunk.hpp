@@ -99,10 +99,9 @@ struct Layout {
     int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
     std::vector<Sample> xs, ys, zs;
     bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
-    bool onGrid;       // that fraction is 0
-    bool allOnGrid;    // and every y and z samples the grid at its lower corner too
+    bool allOnGrid;    // that fraction is 0, and every y and z samples the grid at its lower corner
     bool unitColumns;  // each x's lower grid column is the one after the previous x's
-    bool unitNearest;  // and so its nearest
+    bool unitNearest;  // each x's nearest grid column is the one after the previous x's
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
@@ -135,9 +134,8 @@ struct Layout {
                                       return std::memcmp(&s.fraction, &xs[0].fraction,
                                                          sizeof(double)) == 0;
                                   })),
-          onGrid(oneFraction && xs[0].fraction == 0.0),
           allOnGrid(
-              onGrid &&
+              oneFraction && xs[0].fraction == 0.0 &&
               std::all_of(ys.begin(), ys.end(),
                           [](const Sample& s) { return s.fraction == 0.0; }) &&
               std::all_of(zs.begin(), zs.end(), [](const Sample& s) { return s.fraction == 0.0; })),
@@ -170,8 +168,7 @@ struct Row {
     // rows are kept narrowed) and narrowed.
     const cd* kept[4] = {nullptr, nullptr, nullptr, nullptr};
     const cf* narrowed[4] = {nullptr, nullptr, nullptr, nullptr};
-    bool finite = true;  // every entry of those rows, when the rows are checked
-    bool onGrid;         // every voxel of the row samples the grid at its lower corner
+    bool finite = true;  // every entry of those rows, when they are narrowed
 
     Row(const Layout& L, int y_, int z_)
         : y(y_),
@@ -184,8 +181,7 @@ struct Row {
           sy(&L.ys[y_]),
           sz(&L.zs[z_]),
           rowBase(sy->lower * L.F0 + sz->lower * L.plane),
-          gridRow(sy->lower + sz->lower * L.F1),
-          onGrid(L.onGrid && sy->fraction == 0.0 && sz->fraction == 0.0) {}
+          gridRow(sy->lower + sz->lower * L.F1) {}
 };
 
 // One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased

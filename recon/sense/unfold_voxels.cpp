@@ -14,12 +14,6 @@ inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
 }
 
-// Entries 0 .. count - 1 of runs into to[0], to[2], ...: one voxel's half of a pair matrix.
-template <class Runs>
-void weighted(const Runs& runs, int count, cf* to) {
-    for (int e = 0; e < count; ++e) to[2 * e] = runs.at(e);
-}
-
 // Weight of corner k < count: (x weight * y weight) * z weight, each t or 1 - t.
 template <class Count>
 void weigh(Count count, const Sample& sx, const double* wy, const double* wz, double* w) {
@@ -273,13 +267,11 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, 
                 const int i = ch.first[p] + k, column = ch.column[p] + k;
                 cf* to = ch.P.data() + p * ch.pair_stride() + k;
                 if (ch.corners[i] == 4)
-                    weighted(
-                        mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights_of(i)},
-                        count, to);
+                    mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights_of(i)}.all(
+                        count, to, 2);
                 else
-                    weighted(
-                        mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)},
-                        count, to);
+                    mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)}.all(
+                        count, to, 2);
             }
         return;
     }
