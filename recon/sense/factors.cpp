@@ -139,8 +139,10 @@ class Worker {
                     const int i = position(x, ys, zs, j).index;
                     prior_[K] = i < p_.regImage.size() ? static_cast<double>(p_.regImage[i]) : 0.0;
                 }
-                for (int c = 0; c < p_.coils; ++c)
-                    S_(c, K) = std::complex<double>(map(j, c, 0)[x - x0], map(j, c, 1)[x - x0]);
+                const float* from = map(j, 0, 0) + (x - x0);
+                std::complex<double>* to = &S_(0, K);
+                for (int c = 0; c < p_.coils; ++c, from += 2 * tile_)
+                    to[c] = std::complex<double>(from[0], from[tile_]);
                 ++K;
             }
             store(K, n, flags, out + (x - x0) * perVoxel);
@@ -161,13 +163,18 @@ class Worker {
             std::fill(out, out + static_cast<size_t>(n) * p_.coils, 0.0);
             return;
         }
-        const Eigen::MatrixXcd& U = weights(K);
+        // With every slot valid, slot s is row s: U goes straight to the output.
+        if (K == n) {
+            weights(K, out);
+            return;
+        }
+        const std::complex<double>* U = weights(K, nullptr);
         for (int c = 0; c < p_.coils; ++c) {
             int row = 0;
             for (int s = 0; s < n; ++s) {
                 std::complex<double> value = 0.0;
                 if (valid[s]) {
-                    if (row < K) value = U(row, c);
+                    if (row < K) value = U[row + c * K];
                     ++row;
                 }
                 out[s + c * n] = value;
@@ -304,8 +311,9 @@ class Worker {
         return K;
     }
 
-    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S.
-    const Eigen::MatrixXcd& weights(int K) {
+    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S, K x coils into `to`
+    // (own scratch when null); returns where it is.
+    const std::complex<double>* weights(int K, std::complex<double>* to) {
         // D's off-diagonal stays zero, and its diagonal is rewritten whenever lambda is used.
         if (p_.lambda != 0.0)
             for (int k = 0; k < K; ++k)
@@ -326,8 +334,9 @@ class Worker {
             lu_inverse(m.lu, m.inv);
         }
         sp::times_adjoint(m.inv, Sk, m.W, avx2_);
-        sp::times(m.W, p_.psiInv, m.U, p_.psiIdentity);
-        return m.U;
+        if (!to) to = m.U.data();
+        sp::times(m.W, p_.psiInv, Eigen::Map<Eigen::MatrixXcd>(to, K, p_.coils), p_.psiIdentity);
+        return to;
     }
 
     const Problem& p_;
