@@ -265,8 +265,15 @@ class Worker {
     struct Solve {
         Eigen::MatrixXcd T, A, factored, inv, W, U;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
+        bool small = false;  // the whole chain in mrkit::small's kernels
+        std::vector<std::complex<double>> scratch;
         Solve(int K, int coils)
-            : T(K, coils), A(K, K), factored(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {}
+            : T(K, coils), A(K, K), factored(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {
+#ifdef MRKIT_SMALL_PRODUCTS
+            small = mrkit::small::small_weights(K, coils);
+            if (small) scratch.resize(static_cast<size_t>(2 * K * coils + 3 * K * K));
+#endif
+        }
     };
 
     // Fills S and the priors with the valid slots (y outer, z inner) and returns their count.
@@ -320,7 +327,18 @@ class Worker {
                 D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
         if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
         Solve& m = *solves_[K];
+        if (!to) to = m.U.data();
         namespace sp = mrkit::small;
+#ifdef MRKIT_SMALL_PRODUCTS
+        if (m.small) {
+            sp::with_inner(p_.coils, [&](auto M) {
+                sp::combination_weights<M()>(S_.data(), S_.rows(), p_.coils, K, p_.psiInv.data(),
+                                             p_.psiIdentity, D_.data(), D_.rows(), m.scratch.data(),
+                                             to, K, avx2_);
+            });
+            return to;
+        }
+#endif
         const auto Sk = S_.leftCols(K);
         sp::adjoint_times(Sk, p_.psiInv, m.T, p_.psiIdentity);
         sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A, avx2_);
@@ -334,7 +352,6 @@ class Worker {
             lu_inverse(m.lu, m.inv);
         }
         sp::times_adjoint(m.inv, Sk, m.W, avx2_);
-        if (!to) to = m.U.data();
         sp::times(m.W, p_.psiInv, Eigen::Map<Eigen::MatrixXcd>(to, K, p_.coils), p_.psiIdentity);
         return to;
     }

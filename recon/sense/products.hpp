@@ -491,6 +491,48 @@ __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
 }
 #endif
 
+// Whether combination_weights computes U for k valid positions and m coils: every product of the
+// chain small enough for Eigen to evaluate coefficient-wise, and the inverse small.
+inline bool small_weights(Eigen::Index k, Eigen::Index m) {
+    return k <= kSmallSolve && lazy(m, k, m) && lazy(m, k, k) && lazy(k, k, m);
+}
+
+// U (k x m, leading dimension ldu) = ((S^H Psi S + D)^-1 S^H) Psi for S m x k and Psi m x m (the
+// inverted noise covariance; `psiIdentity` when exactly the identity), through the kernels above
+// with a single dispatch on the sizes; bit-identical to the Eigen expressions where small_weights
+// holds. Scratch holds 2 k m + 3 k k entries. M > 0 fixes m at compile time.
+template <int M = 0>
+inline void combination_weights(const cd* S, Eigen::Index lds, Eigen::Index runtimeM,
+                                Eigen::Index k, const cd* psi, bool psiIdentity, const cd* D,
+                                Eigen::Index ldd, cd* scratch, cd* U, Eigen::Index ldu, bool avx2) {
+    const Eigen::Index m = M > 0 ? M : runtimeM;
+    cd *T = scratch, *A = T + k * m, *lu = A + k * k, *inv = lu + k * k, *W = inv + k * k;
+    if (!psiIdentity || !adjoint_times_identity<M>(S, lds, m, k, T, k))
+        adjoint_times<M>(S, lds, psi, m, m, k, m, T, k);
+#ifdef MRKIT_AVX2_PAIRS
+    if (avx2)
+        times_avx2<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
+    else
+#endif
+        times<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
+    lu_inverse(A, k, k, lu, inv);
+    const auto adjoint = [&](auto K) {
+#ifdef MRKIT_AVX2_PAIRS
+        if (avx2) return times_avx2<true, K()>(inv, k, S, lds, k, k, m, W, k);
+#endif
+        times<true, K()>(inv, k, S, lds, k, k, m, W, k);
+    };
+    if (k == 1)
+        adjoint(std::integral_constant<int, 1>());
+    else if (k == 2)
+        adjoint(std::integral_constant<int, 2>());
+    else
+        adjoint(std::integral_constant<int, 3>());
+    if (!psiIdentity || !times_identity(W, k, k, m, U, ldu))
+        times<false, M>(W, k, psi, m, m, k, m, U, ldu);
+    (void)avx2;
+}
+
 }  // namespace mrkit::small
 #endif
 
