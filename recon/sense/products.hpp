@@ -133,8 +133,9 @@ void with_inner(Eigen::Index m, F&& f) {
 
 // adjoint_times for b = I (m x m): term i of coefficient (r, c) is conj(a) * (1 or 0), whose real
 // part is a zero signed negative exactly when both parts of a are, and whose imaginary part is a
-// zero signed negative exactly when the real part of a is and the imaginary part is not.
-// M > 0 fixes m at compile time.
+// zero signed negative exactly when the real part of a is and the imaginary part is not. A part
+// that is not zero is the sum; a zero part takes the sign of that sum of zeros. M > 0 fixes m at
+// compile time.
 template <int M = 0>
 inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index runtimeM,
                                    Eigen::Index k, cd* dst, Eigen::Index ldd) {
@@ -143,23 +144,30 @@ inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index r
     const __m128d zero = _mm_setzero_pd(), conjugate = _mm_set_pd(-0.0, 0.0);
     for (Eigen::Index r = 0; r < k; ++r) {
         const double* ar = reinterpret_cast<const double*>(a + r * lda);
-        __m128d spoilt = zero, all = _mm_castsi128_pd(_mm_set1_epi32(-1)), any = zero;
+        __m128d spoilt = zero, zeros = zero;
+        for (Eigen::Index c = 0; c < m; ++c) {
+            const __m128d v = _mm_loadu_pd(ar + 2 * c);
+            spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
+            zeros = _mm_or_pd(zeros, _mm_cmpeq_pd(v, zero));
+            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), _mm_xor_pd(v, conjugate));
+        }
+        if (_mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) != 3) return false;
+        if (_mm_movemask_pd(zeros) == 0) continue;
+        // Sign bits (bit 0 real): set in every entry, set in some entry.
+        __m128d all = _mm_castsi128_pd(_mm_set1_epi32(-1)), any = zero;
         for (Eigen::Index i = 0; i < m; ++i) {
             const __m128d v = _mm_loadu_pd(ar + 2 * i);
-            spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
             all = _mm_and_pd(all, v);
             any = _mm_or_pd(any, v);
         }
-        if (_mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) != 3) return false;
-        // Sign bits (bit 0 real): set in every entry, set in some entry.
         const int every = _mm_movemask_pd(all), some = _mm_movemask_pd(any);
         const bool reNegative = every == 3, imNegative = (every & 1) && !(some & 2);
-        const __m128d zeros = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
+        const __m128d signs = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
         for (Eigen::Index c = 0; c < m; ++c) {
             const __m128d v = _mm_xor_pd(_mm_loadu_pd(ar + 2 * c), conjugate);
             const __m128d nonzero = _mm_cmpneq_pd(v, zero);
             _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd),
-                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, zeros)));
+                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, signs)));
         }
     }
     return true;
