@@ -11,6 +11,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#endif
 
 #include "recon/cpu.hpp"
 #include "recon/parallel.hpp"
@@ -78,6 +81,66 @@ int ceil_div(int a, int b) {
     return (a + b - 1) / b;
 }
 
+#if defined(__x86_64__) && defined(__GNUC__)
+// interpolate_run eight x at a time from x; returns where it stopped.
+template <int Corners>
+__attribute__((target("avx2"))) int interpolate_run_avx2(const float* re, const float* im,
+                                                         const int* offset, const float* w, int x,
+                                                         int x1, std::complex<float>* to) {
+    __m256 weight[Corners];
+    for (int k = 0; k < Corners; ++k) weight[k] = _mm256_set1_ps(w[k]);
+    for (; x + 8 <= x1; x += 8) {
+        __m256 r = _mm256_mul_ps(_mm256_loadu_ps(re + x + offset[0]), weight[0]);
+        __m256 i = _mm256_mul_ps(_mm256_loadu_ps(im + x + offset[0]), weight[0]);
+        for (int k = 1; k < Corners; ++k) {
+            r = _mm256_add_ps(r, _mm256_mul_ps(_mm256_loadu_ps(re + x + offset[k]), weight[k]));
+            i = _mm256_add_ps(i, _mm256_mul_ps(_mm256_loadu_ps(im + x + offset[k]), weight[k]));
+        }
+        // x 0 1 4 5 and 2 3 6 7 with their parts side by side, then in order.
+        const __m256 a = _mm256_unpacklo_ps(r, i), b = _mm256_unpackhi_ps(r, i);
+        float* out = reinterpret_cast<float*>(to + x);
+        _mm256_storeu_ps(out, _mm256_permute2f128_ps(a, b, 0x20));
+        _mm256_storeu_ps(out + 8, _mm256_permute2f128_ps(a, b, 0x31));
+    }
+    return x;
+}
+#endif
+
+// to[x] = (sum over the corners of re[x + offset[k]] * w[k], the same of im), in corner order,
+// for x0 .. x1 - 1.
+template <int Corners>
+void interpolate_run(const float* re, const float* im, const int* offset, const float* w, int x0,
+                     int x1, std::complex<float>* to, bool avx2) {
+    int x = x0;
+#if defined(__x86_64__) && defined(__GNUC__)
+    if (avx2) x = interpolate_run_avx2<Corners>(re, im, offset, w, x, x1, to);
+#endif
+    (void)avx2;
+#if defined(__SSE2__)
+    __m128 weight[Corners];
+    for (int k = 0; k < Corners; ++k) weight[k] = _mm_set1_ps(w[k]);
+    for (; x + 4 <= x1; x += 4) {
+        __m128 r = _mm_mul_ps(_mm_loadu_ps(re + x + offset[0]), weight[0]);
+        __m128 i = _mm_mul_ps(_mm_loadu_ps(im + x + offset[0]), weight[0]);
+        for (int k = 1; k < Corners; ++k) {
+            r = _mm_add_ps(r, _mm_mul_ps(_mm_loadu_ps(re + x + offset[k]), weight[k]));
+            i = _mm_add_ps(i, _mm_mul_ps(_mm_loadu_ps(im + x + offset[k]), weight[k]));
+        }
+        float* out = reinterpret_cast<float*>(to + x);
+        _mm_storeu_ps(out, _mm_unpacklo_ps(r, i));
+        _mm_storeu_ps(out + 4, _mm_unpackhi_ps(r, i));
+    }
+#endif
+    for (; x < x1; ++x) {
+        float r = re[x + offset[0]] * w[0], i = im[x + offset[0]] * w[0];
+        for (int k = 1; k < Corners; ++k) {
+            r += re[x + offset[k]] * w[k];
+            i += im[x + offset[k]] * w[k];
+        }
+        to[x] = {r, i};
+    }
+}
+
 // What every worker reads, and the two outputs they share.
 struct Problem {
     const float *sensRe, *sensIm;
@@ -101,7 +164,7 @@ class Worker {
           S_(p.coils, slots),
           D_(Eigen::MatrixXcd::Zero(slots, slots)),
           solves_(slots + 1),
-          maps_(static_cast<size_t>(slots) * p.coils * 2 * tile) {}
+          maps_(static_cast<size_t>(slots) * p.coils * tile) {}
 
     // Factors of the folded voxels x0 .. x1 - 1 (at most one tile) of one line, voxel x into
     // out + (x - x0) * perVoxel as solve() writes them; `valid` holds the tile's flags, slots
@@ -139,8 +202,17 @@ class Worker {
                     const int i = position(x, ys, zs, j).index;
                     prior_[K] = i < p_.regImage.size() ? static_cast<double>(p_.regImage[i]) : 0.0;
                 }
-                for (int c = 0; c < p_.coils; ++c)
-                    S_(c, K) = std::complex<double>(map(j, c, 0)[x - x0], map(j, c, 1)[x - x0]);
+                const std::complex<float>* from = map(j, 0) + (x - x0);
+                std::complex<double>* to = &S_(0, K);
+                for (int c = 0; c < p_.coils; ++c, from += tile_) {
+#if defined(__SSE2__)
+                    const __m128d parts = _mm_load_sd(reinterpret_cast<const double*>(from));
+                    _mm_storeu_pd(reinterpret_cast<double*>(to + c),
+                                  _mm_cvtps_pd(_mm_castpd_ps(parts)));
+#else
+                    to[c] = std::complex<double>(*from);
+#endif
+                }
                 ++K;
             }
             store(K, n, flags, out + (x - x0) * perVoxel);
@@ -161,13 +233,18 @@ class Worker {
             std::fill(out, out + static_cast<size_t>(n) * p_.coils, 0.0);
             return;
         }
-        const Eigen::MatrixXcd& U = weights(K);
+        // With every slot valid, slot s is row s: U goes straight to the output.
+        if (K == n) {
+            weights(K, out);
+            return;
+        }
+        const std::complex<double>* U = weights(K, nullptr);
         for (int c = 0; c < p_.coils; ++c) {
             int row = 0;
             for (int s = 0; s < n; ++s) {
                 std::complex<double> value = 0.0;
                 if (valid[s]) {
-                    if (row < K) value = U(row, c);
+                    if (row < K) value = U[row + c * K];
                     ++row;
                 }
                 out[s + c * n] = value;
@@ -181,13 +258,14 @@ class Worker {
         return {x + p_.nx * (ys.line[iy] + p_.ny * zs.line[iz]), ys.coord[iy], zs.coord[iz]};
     }
 
-    float* map(int j, int c, int part) {
-        return maps_.data() + ((static_cast<size_t>(j) * p_.coils + c) * 2 + part) * tile_;
+    // Coil c's interpolated map at position j along the tile's x, both parts side by side.
+    std::complex<float>* map(int j, int c) {
+        return maps_.data() + (static_cast<size_t>(j) * p_.coils + c) * tile_;
     }
 
-    // Every coil's maps at (x, cy, cz) of position j for x = x0 .. x1 - 1, into map(j, c, part).
+    // Every coil's maps at (x, cy, cz) of position j for x = x0 .. x1 - 1, into map(j, c).
     // The weights do not depend on x (an integer); where all x read the same corners of one
-    // or two planes, four x go at once with the same float products and sums per lane.
+    // or two planes, runs of x go at once with the same float products and sums per lane.
     void interpolate_position(int x0, int x1, const Line& ys, const Line& zs, int j) {
         const int nx = p_.nx, plane = p_.nx * p_.ny, N = p_.nVox;
         const Line::Position q = position(0, ys, zs, j);
@@ -205,11 +283,11 @@ class Worker {
                 const int tx = static_cast<int>(fx);
                 const mrkit::Corners<float> at(b0 + tx, nx, plane, N, fx - static_cast<float>(tx),
                                                t2, t3);
-                for (int c = 0; c < p_.coils; ++c)
-                    for (int part = 0; part < 2; ++part) {
-                        const float* in = (part ? p_.sensIm : p_.sensRe) + c * N;
-                        map(j, c, part)[x - x0] = at.apply<float>([in](int i) { return in[i]; });
-                    }
+                for (int c = 0; c < p_.coils; ++c) {
+                    const float *re = p_.sensRe + c * N, *im = p_.sensIm + c * N;
+                    map(j, c)[x - x0] = {at.apply<float>([re](int i) { return re[i]; }),
+                                         at.apply<float>([im](int i) { return im[i]; })};
+                }
             }
             return;
         }
@@ -221,35 +299,12 @@ class Worker {
             w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
             offset[k] = (k & 1) + (k & 2 ? nx : 0) + (k & 4 ? plane : 0);
         }
-        for (int c = 0; c < p_.coils; ++c)
-            for (int part = 0; part < 2; ++part) {
-                const float* in = (part ? p_.sensIm : p_.sensRe) + c * N + b0;
-                if (corners == 4)
-                    interpolate_run<4>(in, offset, w, x0, x1, map(j, c, part) - x0);
-                else
-                    interpolate_run<8>(in, offset, w, x0, x1, map(j, c, part) - x0);
-            }
-    }
-
-    // to[x] = sum over the corners of in[x + offset[k]] * w[k], in corner order, for x0 .. x1 - 1.
-    template <int Corners>
-    static void interpolate_run(const float* in, const int* offset, const float* w, int x0, int x1,
-                                float* to) {
-        int x = x0;
-#if defined(__SSE2__)
-        __m128 weight[Corners];
-        for (int k = 0; k < Corners; ++k) weight[k] = _mm_set1_ps(w[k]);
-        for (; x + 4 <= x1; x += 4) {
-            __m128 sum = _mm_mul_ps(_mm_loadu_ps(in + x + offset[0]), weight[0]);
-            for (int k = 1; k < Corners; ++k)
-                sum = _mm_add_ps(sum, _mm_mul_ps(_mm_loadu_ps(in + x + offset[k]), weight[k]));
-            _mm_storeu_ps(to + x, sum);
-        }
-#endif
-        for (; x < x1; ++x) {
-            float sum = in[x + offset[0]] * w[0];
-            for (int k = 1; k < Corners; ++k) sum += in[x + offset[k]] * w[k];
-            to[x] = sum;
+        for (int c = 0; c < p_.coils; ++c) {
+            const float *re = p_.sensRe + c * N + b0, *im = p_.sensIm + c * N + b0;
+            if (corners == 4)
+                interpolate_run<4>(re, im, offset, w, x0, x1, map(j, c) - x0, avx2_);
+            else
+                interpolate_run<8>(re, im, offset, w, x0, x1, map(j, c) - x0, avx2_);
         }
     }
 
@@ -258,8 +313,15 @@ class Worker {
     struct Solve {
         Eigen::MatrixXcd T, A, factored, inv, W, U;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
+        bool small = false;  // the whole chain in mrkit::small's kernels
+        std::vector<std::complex<double>> scratch;
         Solve(int K, int coils)
-            : T(K, coils), A(K, K), factored(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {}
+            : T(K, coils), A(K, K), factored(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {
+#ifdef MRKIT_SMALL_PRODUCTS
+            small = mrkit::small::small_weights(K, coils);
+            if (small) scratch.resize(static_cast<size_t>(2 * K * coils + 3 * K * K));
+#endif
+        }
     };
 
     // Fills S and the priors with the valid slots (y outer, z inner) and returns their count.
@@ -304,15 +366,27 @@ class Worker {
         return K;
     }
 
-    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S.
-    const Eigen::MatrixXcd& weights(int K) {
+    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S, K x coils into `to`
+    // (own scratch when null); returns where it is.
+    const std::complex<double>* weights(int K, std::complex<double>* to) {
         // D's off-diagonal stays zero, and its diagonal is rewritten whenever lambda is used.
         if (p_.lambda != 0.0)
             for (int k = 0; k < K; ++k)
                 D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
         if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
         Solve& m = *solves_[K];
+        if (!to) to = m.U.data();
         namespace sp = mrkit::small;
+#ifdef MRKIT_SMALL_PRODUCTS
+        if (m.small) {
+            sp::with_inner(p_.coils, [&](auto M) {
+                sp::combination_weights<M()>(S_.data(), S_.rows(), p_.coils, K, p_.psiInv.data(),
+                                             p_.psiIdentity, D_.data(), D_.rows(), m.scratch.data(),
+                                             to, K, avx2_);
+            });
+            return to;
+        }
+#endif
         const auto Sk = S_.leftCols(K);
         sp::adjoint_times(Sk, p_.psiInv, m.T, p_.psiIdentity);
         sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A, avx2_);
@@ -326,8 +400,8 @@ class Worker {
             lu_inverse(m.lu, m.inv);
         }
         sp::times_adjoint(m.inv, Sk, m.W, avx2_);
-        sp::times(m.W, p_.psiInv, m.U, p_.psiIdentity);
-        return m.U;
+        sp::times(m.W, p_.psiInv, Eigen::Map<Eigen::MatrixXcd>(to, K, p_.coils), p_.psiIdentity);
+        return to;
     }
 
     const Problem& p_;
@@ -336,7 +410,7 @@ class Worker {
     std::vector<double> prior_;
     Eigen::MatrixXcd S_, D_;
     std::vector<std::unique_ptr<Solve>> solves_;
-    std::vector<float> maps_;  // per slot, coil and part: the maps along the tile's x
+    std::vector<std::complex<float>> maps_;  // per slot and coil: the maps along the tile's x
 };
 
 }  // namespace

@@ -133,45 +133,63 @@ void with_inner(Eigen::Index m, F&& f) {
 
 // adjoint_times for b = I (m x m): term i of coefficient (r, c) is conj(a) * (1 or 0), whose real
 // part is a zero signed negative exactly when both parts of a are, and whose imaginary part is a
-// zero signed negative exactly when the real part of a is and the imaginary part is not.
-inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m, Eigen::Index k,
-                                   cd* dst, Eigen::Index ldd) {
-    // Lane by lane: v - v is 0 exactly for finite v; movemask gives the signs (bit 0 real).
+// zero signed negative exactly when the real part of a is and the imaginary part is not. A part
+// that is not zero is the sum; a zero part takes the sign of that sum of zeros. M > 0 fixes m at
+// compile time.
+template <int M = 0>
+inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index runtimeM,
+                                   Eigen::Index k, cd* dst, Eigen::Index ldd) {
+    const Eigen::Index m = M > 0 ? M : runtimeM;
+    // v - v is +0 exactly for finite v (NaN otherwise), so OR-ing them stays +0 while all are.
     const __m128d zero = _mm_setzero_pd(), conjugate = _mm_set_pd(-0.0, 0.0);
     for (Eigen::Index r = 0; r < k; ++r) {
         const double* ar = reinterpret_cast<const double*>(a + r * lda);
-        int finite = 3;
-        bool reNegative = true, imNegative = true;
+        __m128d spoilt = zero, zeros = zero;
+        for (Eigen::Index c = 0; c < m; ++c) {
+            const __m128d v = _mm_loadu_pd(ar + 2 * c);
+            spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
+            zeros = _mm_or_pd(zeros, _mm_cmpeq_pd(v, zero));
+            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), _mm_xor_pd(v, conjugate));
+        }
+        if (_mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) != 3) return false;
+        if (_mm_movemask_pd(zeros) == 0) continue;
+        // Sign bits (bit 0 real): set in every entry, set in some entry.
+        __m128d all = _mm_castsi128_pd(_mm_set1_epi32(-1)), any = zero;
         for (Eigen::Index i = 0; i < m; ++i) {
             const __m128d v = _mm_loadu_pd(ar + 2 * i);
-            finite &= _mm_movemask_pd(_mm_cmpeq_pd(_mm_sub_pd(v, v), zero));
-            const int sign = _mm_movemask_pd(v);
-            reNegative = reNegative && sign == 3;
-            imNegative = imNegative && sign == 1;
+            all = _mm_and_pd(all, v);
+            any = _mm_or_pd(any, v);
         }
-        if (finite != 3) return false;
-        const __m128d zeros = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
+        const int every = _mm_movemask_pd(all), some = _mm_movemask_pd(any);
+        const bool reNegative = every == 3, imNegative = (every & 1) && !(some & 2);
+        const __m128d signs = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
         for (Eigen::Index c = 0; c < m; ++c) {
             const __m128d v = _mm_xor_pd(_mm_loadu_pd(ar + 2 * c), conjugate);
             const __m128d nonzero = _mm_cmpneq_pd(v, zero);
             _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd),
-                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, zeros)));
+                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, signs)));
         }
     }
     return true;
 }
 
-// times<false> for b = I: the sums start from +0, so a zero result is always +0.
+// times<false> for b = I: the sums start from +0, so a zero result is always +0. A non-finite
+// entry is found only after every coefficient is written.
 inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m, cd* dst,
                            Eigen::Index ldd) {
     const __m128d zero = _mm_setzero_pd();
-    for (Eigen::Index c = 0; c < m; ++c)
-        for (Eigen::Index r = 0; r < k; ++r) {
-            const __m128d v = _mm_loadu_pd(reinterpret_cast<const double*>(a + r + c * lda));
-            if (_mm_movemask_pd(_mm_cmpeq_pd(_mm_sub_pd(v, v), zero)) != 3) return false;
-            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), _mm_add_pd(v, zero));
-        }
-    return true;
+    __m128d spoilt = zero;
+    const auto copy = [&](const cd* from, cd* to) {
+        const __m128d v = _mm_loadu_pd(reinterpret_cast<const double*>(from));
+        spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
+        _mm_storeu_pd(reinterpret_cast<double*>(to), _mm_add_pd(v, zero));
+    };
+    if (lda == k && ldd == k)
+        for (Eigen::Index i = 0; i < k * m; ++i) copy(a + i, dst + i);
+    else
+        for (Eigen::Index c = 0; c < m; ++c)
+            for (Eigen::Index r = 0; r < k; ++r) copy(a + r + c * lda, dst + r + c * ldd);
+    return _mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) == 3;
 }
 
 // Largest matrix handled here; Eigen's triangular solves stay in their scalar panel loop up
@@ -181,24 +199,34 @@ constexpr Eigen::Index kSmallSolve = 3;
 // inv = A^-1 for a k x k A (k <= kSmallSolve; lu is k x k scratch) as Eigen's PartialPivLU followed
 // by the permuted identity and the unit-lower and upper triangular solves computes it: pivots by
 // the largest modulus (first one on ties), the pivot column scaled by the pivot's packet quotient,
-// rank-one updates column by column, then per row of the triangle the scalar solve steps.
-inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd* inv) {
+// rank-one updates column by column, then per row of the triangle the scalar solve steps. The
+// size is fixed at compile time, so that the loops unroll.
+template <int K>
+inline void lu_inverse_fixed(const cd* a, Eigen::Index lda, cd* lu, cd* inv) {
     using namespace Eigen::internal;
+    constexpr Eigen::Index k = K;
     for (Eigen::Index c = 0; c < k; ++c)
         for (Eigen::Index r = 0; r < k; ++r) lu[r + c * k] = a[r + c * lda];
     Eigen::Index perm[kSmallSolve];
     for (Eigen::Index i = 0; i < k; ++i) perm[i] = i;
     for (Eigen::Index j = 0; j < k; ++j) {
         Eigen::Index best = j;
-        double score = std::abs(lu[j + j * k]);
-        for (Eigen::Index r = j + 1; r < k; ++r) {
-            const double s = std::abs(lu[r + j * k]);
-            if (s > score) {
-                score = s;
-                best = r;
+        bool nonzero;
+        if (j + 1 < k) {
+            double score = std::abs(lu[j + j * k]);
+            for (Eigen::Index r = j + 1; r < k; ++r) {
+                const double s = std::abs(lu[r + j * k]);
+                if (s > score) {
+                    score = s;
+                    best = r;
+                }
             }
+            nonzero = score != 0.0;
+        } else {
+            // A lone candidate's modulus only meets zero: it is zero exactly when both parts are.
+            nonzero = lu[j + j * k].real() != 0.0 || lu[j + j * k].imag() != 0.0;
         }
-        if (score != 0.0) {
+        if (nonzero) {
             if (best != j) {
                 for (Eigen::Index c = 0; c < k; ++c) std::swap(lu[j + c * k], lu[best + c * k]);
                 std::swap(perm[j], perm[best]);
@@ -232,6 +260,18 @@ inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd
             const cd b = o;
             for (Eigen::Index r = 0; r < i; ++r) inv[r + c * k] -= b * lu[r + i * k];
         }
+    }
+}
+
+inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd* inv) {
+    static_assert(kSmallSolve == 3, "one case per size");
+    switch (k) {
+        case 1:
+            return lu_inverse_fixed<1>(a, lda, lu, inv);
+        case 2:
+            return lu_inverse_fixed<2>(a, lda, lu, inv);
+        default:
+            return lu_inverse_fixed<3>(a, lda, lu, inv);
     }
 }
 
@@ -306,19 +346,32 @@ __attribute__((target("avx2"))) inline void times_avx2(const cd* a, Eigen::Index
     const long long sign = std::numeric_limits<long long>::min();
     const __m256d realSign = _mm256_castsi256_pd(_mm256_setr_epi64x(sign, 0, sign, 0));
     const __m256d imagSign = _mm256_castsi256_pd(_mm256_setr_epi64x(0, sign, 0, sign));
-    for (Eigen::Index c = 0; c < n; ++c)
-        for (Eigen::Index r = 0; r < pairs; r += 2) {
+    // A pair of rows' real and imaginary parts, each twice, are the same for every column; with
+    // m fixed they are read once.
+    constexpr int kept = M > 0 && M <= 4 ? M : 1;
+    __m256d re[kept], im[kept];
+    for (Eigen::Index r = 0; r < pairs; r += 2) {
+        for (Eigen::Index i = 0; i < (kept > 1 ? m : 0); ++i) {
+            const __m256d x = _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
+            re[i] = _mm256_movedup_pd(x);
+            im[i] = _mm256_permute_pd(x, 0xF);
+        }
+        for (Eigen::Index c = 0; c < n; ++c) {
             __m256d s = _mm256_setzero_pd();
             for (Eigen::Index i = 0; i < m; ++i) {
-                const __m256d x = _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
+                if (kept == 1) {
+                    const __m256d x =
+                        _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
+                    re[0] = _mm256_movedup_pd(x);
+                    im[0] = _mm256_permute_pd(x, 0xF);
+                }
                 __m256d y = _mm256_broadcast_pd(
                     reinterpret_cast<const __m128d*>(adjointB ? b + c + i * ldb : b + i + c * ldb));
                 if (adjointB) y = _mm256_xor_pd(y, imagSign);
+                const Eigen::Index at = kept > 1 ? i : 0;
                 const __m256d p = _mm256_add_pd(
-                    _mm256_mul_pd(_mm256_movedup_pd(x), y),
-                    _mm256_xor_pd(
-                        _mm256_mul_pd(_mm256_permute_pd(x, 0xF), _mm256_permute_pd(y, 0x5)),
-                        realSign));
+                    _mm256_mul_pd(re[at], y),
+                    _mm256_xor_pd(_mm256_mul_pd(im[at], _mm256_permute_pd(y, 0x5)), realSign));
                 s = _mm256_add_pd(p, s);
             }
             if (add)
@@ -326,6 +379,7 @@ __attribute__((target("avx2"))) inline void times_avx2(const cd* a, Eigen::Index
                     s, _mm256_loadu_pd(reinterpret_cast<const double*>(add + r + c * ldadd)));
             _mm256_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), s);
         }
+    }
     if (pairs < k)
         times<adjointB, M>(a + pairs, lda, b, ldb, m, k - pairs, n, dst + pairs, ldd,
                            add ? add + pairs : nullptr, ldadd);
@@ -445,6 +499,48 @@ __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
 }
 #endif
 
+// Whether combination_weights computes U for k valid positions and m coils: every product of the
+// chain small enough for Eigen to evaluate coefficient-wise, and the inverse small.
+inline bool small_weights(Eigen::Index k, Eigen::Index m) {
+    return k <= kSmallSolve && lazy(m, k, m) && lazy(m, k, k) && lazy(k, k, m);
+}
+
+// U (k x m, leading dimension ldu) = ((S^H Psi S + D)^-1 S^H) Psi for S m x k and Psi m x m (the
+// inverted noise covariance; `psiIdentity` when exactly the identity), through the kernels above
+// with a single dispatch on the sizes; bit-identical to the Eigen expressions where small_weights
+// holds. Scratch holds 2 k m + 3 k k entries. M > 0 fixes m at compile time.
+template <int M = 0>
+inline void combination_weights(const cd* S, Eigen::Index lds, Eigen::Index runtimeM,
+                                Eigen::Index k, const cd* psi, bool psiIdentity, const cd* D,
+                                Eigen::Index ldd, cd* scratch, cd* U, Eigen::Index ldu, bool avx2) {
+    const Eigen::Index m = M > 0 ? M : runtimeM;
+    cd *T = scratch, *A = T + k * m, *lu = A + k * k, *inv = lu + k * k, *W = inv + k * k;
+    if (!psiIdentity || !adjoint_times_identity<M>(S, lds, m, k, T, k))
+        adjoint_times<M>(S, lds, psi, m, m, k, m, T, k);
+#ifdef MRKIT_AVX2_PAIRS
+    if (avx2)
+        times_avx2<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
+    else
+#endif
+        times<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
+    lu_inverse(A, k, k, lu, inv);
+    const auto adjoint = [&](auto K) {
+#ifdef MRKIT_AVX2_PAIRS
+        if (avx2) return times_avx2<true, K()>(inv, k, S, lds, k, k, m, W, k);
+#endif
+        times<true, K()>(inv, k, S, lds, k, k, m, W, k);
+    };
+    if (k == 1)
+        adjoint(std::integral_constant<int, 1>());
+    else if (k == 2)
+        adjoint(std::integral_constant<int, 2>());
+    else
+        adjoint(std::integral_constant<int, 3>());
+    if (!psiIdentity || !times_identity(W, k, k, m, U, ldu))
+        times<false, M>(W, k, psi, m, m, k, m, U, ldu);
+    (void)avx2;
+}
+
 }  // namespace mrkit::small
 #endif
 
@@ -466,12 +562,11 @@ inline bool is_identity(const Eigen::MatrixXcd& b) {
 inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst,
                           bool bIdentity = false) {
 #ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.rows(), a.cols(), b.cols()) && bIdentity &&
-        adjoint_times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(),
-                               dst.rows()))
-        return;
     if (lazy(b.rows(), a.cols(), b.cols()))
         return with_inner(a.rows(), [&](auto M) {
+            if (bIdentity && adjoint_times_identity<M()>(a.data(), a.outerStride(), a.rows(),
+                                                         a.cols(), dst.data(), dst.rows()))
+                return;
             adjoint_times<M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
                                a.cols(), b.cols(), dst.data(), dst.rows());
         });
@@ -502,15 +597,17 @@ inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::Mat
 }
 
 // dst = a b; `bIdentity` says that b is exactly the identity
-inline void times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool bIdentity = false) {
+inline void times(const Cref& a, const Cref& b, Eigen::Ref<Eigen::MatrixXcd> dst,
+                  bool bIdentity = false) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (lazy(b.rows(), a.rows(), b.cols()) && bIdentity &&
-        times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(), dst.rows()))
+        times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(),
+                       dst.outerStride()))
         return;
     if (lazy(b.rows(), a.rows(), b.cols()))
         return with_inner(a.cols(), [&](auto M) {
             times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                              a.rows(), b.cols(), dst.data(), dst.rows());
+                              a.rows(), b.cols(), dst.data(), dst.outerStride());
         });
 #endif
     dst.noalias() = a * b;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <vector>
 
 #include "recon/cpu.hpp"
 #include "recon/sense/products.hpp"
@@ -46,6 +47,16 @@ struct Values {
         if (!(std::isnan(x[i]) && std::isnan(y[i])) && std::memcmp(x + i, y + i, sizeof(double)))
             return ::testing::AssertionFailure() << "part " << i << ": " << x[i] << " vs " << y[i];
     return ::testing::AssertionSuccess();
+}
+
+// A^-1 as the factor code computes it with Eigen: the permuted identity, then the triangular
+// solves.
+MatrixXcd pivoted_lu_inverse(const MatrixXcd& A) {
+    Eigen::PartialPivLU<MatrixXcd> lu(A);
+    MatrixXcd inv = lu.permutationP() * MatrixXcd::Identity(A.rows(), A.cols());
+    lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(inv);
+    lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(inv);
+    return inv;
 }
 
 }  // namespace
@@ -87,10 +98,15 @@ TEST(SmallProducts, BitIdenticalToEigenExpressions) {
             ASSERT_TRUE(same_bits(expected, got)) << "inv S^H, coils " << coils << ", K " << K;
         }
 
-        // Also free-standing values, which the chain never hands on (negative zeros).
-        const MatrixXcd W = round % 4 == 1 ? v.matrix(K, coils) : got;
+        // Also free-standing values, which the chain never hands on (negative zeros), in a view
+        // with an outer stride.
+        const MatrixXcd free = v.matrix(K + 1, coils);
+        const MatrixXcd W = round % 4 == 1 ? MatrixXcd(free.topRows(K)) : got;
         expected.noalias() = W * psi;
-        sp::times(W, psi, got, identity);
+        if (round % 4 == 1)
+            sp::times(free.topRows(K), psi, got, identity);
+        else
+            sp::times(W, psi, got, identity);
         ASSERT_TRUE(same_bits(expected, got)) << "W psi, coils " << coils << ", K " << K;
     }
 }
@@ -104,13 +120,48 @@ TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
         const int k = 1 + round % static_cast<int>(mrkit::small::kSmallSolve);
         MatrixXcd A = v.matrix(k, k);
         if (round % 5 == 0) A.col(k - 1) = A.col(0);
-        Eigen::PartialPivLU<MatrixXcd> lu(A);
-        MatrixXcd expected = lu.permutationP() * MatrixXcd::Identity(k, k);
-        lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(expected);
-        lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(expected);
         MatrixXcd scratch(k, k), got(k, k);
         mrkit::small::lu_inverse(A.data(), k, k, scratch.data(), got.data());
-        ASSERT_TRUE(same_bits(expected, got)) << "k " << k << ", round " << round;
+        ASSERT_TRUE(same_bits(pivoted_lu_inverse(A), got)) << "k " << k << ", round " << round;
+    }
+}
+
+// The whole chain U = ((S^H psi S + D)^-1 S^H) psi in one call against the Eigen expressions, for
+// every size it takes, with the sizes fixed at compile time or not.
+TEST(SmallProducts, CombinationWeightsBitIdenticalToEigenChain) {
+    namespace sp = mrkit::small;
+    Values v;
+    for (int round = 0; round < 3000; ++round) {
+        v.special = round % 4 == 1;
+        const int coils = 1 + static_cast<int>(v.gen() % 8), k = 1 + round % 3;
+        if (!sp::small_weights(k, coils)) continue;
+        const bool identity = round % 2 == 0;
+        // Slots past k in S and D, as the factor code leaves them.
+        const MatrixXcd S = v.matrix(coils, k + 1), D = v.matrix(k + 1, k + 1);
+        const MatrixXcd psi =
+            identity ? MatrixXcd(MatrixXcd::Identity(coils, coils)) : v.matrix(coils, coils);
+        const auto Sk = S.leftCols(k);
+        MatrixXcd T(k, coils), A(k, k), W(k, coils), expected(k, coils);
+        T.noalias() = Sk.adjoint() * psi;
+        A.noalias() = T * Sk;
+        A += D.topLeftCorner(k, k);
+        W.noalias() = pivoted_lu_inverse(A) * Sk.adjoint();
+        expected.noalias() = W * psi;
+        std::vector<cd> scratch(2 * k * coils + 3 * k * k);
+        for (const bool avx2 : {false, mrkit::has_avx2()})
+            for (const bool fixed : {false, true}) {
+                MatrixXcd got(k, coils);
+                const auto run = [&](auto M) {
+                    sp::combination_weights<M()>(S.data(), coils, coils, k, psi.data(), identity,
+                                                 D.data(), k + 1, scratch.data(), got.data(), k,
+                                                 avx2);
+                };
+                if (fixed)
+                    sp::with_inner(coils, run);
+                else
+                    run(std::integral_constant<int, 0>());
+                ASSERT_TRUE(same_bits(expected, got)) << "coils " << coils << ", k " << k;
+            }
     }
 }
 
