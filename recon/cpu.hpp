@@ -1,7 +1,7 @@
 // What the processor offers beyond the x86-64 baseline, asked once at run time. The library's
-// AVX2 paths give the bits of its baseline ones (same operations and order, nothing contracted),
-// so only speed depends on the answer; MRKIT_NO_AVX2=1 in the environment takes the baseline
-// paths anyway, so that the two can be compared on one machine.
+// AVX2 paths give the bits of its baseline ones (same operations and order, nothing contracted;
+// only the sign of a NaN may differ), so only speed depends on the answer; MRKIT_NO_AVX2=1 in the
+// environment takes the baseline paths anyway, so that the two can be compared on one machine.
 #pragma once
 
 #include <cstdlib>

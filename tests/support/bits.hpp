@@ -26,3 +26,15 @@ inline ::testing::AssertionResult same_bits(const std::vector<float>& a,
                    << "element " << i << ": " << a[i] << " vs " << b[i];
     return ::testing::AssertionSuccess();
 }
+
+// The same, except that any NaN matches any NaN: which of two NaN operands a sum passes on is
+// the compiler's choice of operand order, which differs between otherwise identical paths.
+inline ::testing::AssertionResult same_values(const std::vector<float>& a,
+                                              const std::vector<float>& b) {
+    if (a.size() != b.size()) return ::testing::AssertionFailure() << "sizes differ";
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (!(a[i] != a[i] && b[i] != b[i]) && !same_bits(a[i], b[i]))
+            return ::testing::AssertionFailure()
+                   << "element " << i << ": " << a[i] << " vs " << b[i];
+    return ::testing::AssertionSuccess();
+}
