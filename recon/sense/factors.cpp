@@ -204,15 +204,8 @@ class Worker {
                 }
                 const std::complex<float>* from = map(j, 0) + (x - x0);
                 std::complex<double>* to = &S_(0, K);
-                for (int c = 0; c < p_.coils; ++c, from += tile_) {
-#if defined(__SSE2__)
-                    const __m128d parts = _mm_load_sd(reinterpret_cast<const double*>(from));
-                    _mm_storeu_pd(reinterpret_cast<double*>(to + c),
-                                  _mm_cvtps_pd(_mm_castpd_ps(parts)));
-#else
+                for (int c = 0; c < p_.coils; ++c, from += tile_)
                     to[c] = std::complex<double>(*from);
-#endif
-                }
                 ++K;
             }
             store(K, n, flags, out + (x - x0) * perVoxel);
@@ -310,17 +303,27 @@ class Worker {
 
     // Products and inverse for one count K of valid positions, kept per K so that voxels
     // alternating between counts (non-integer factors) never reallocate.
+    // The whole chain runs either in mrkit::small's kernels on `scratch` or through the
+    // matrices; each case allocates only its own.
     struct Solve {
+        bool small = false;
+        std::vector<std::complex<double>> scratch;
         Eigen::MatrixXcd T, A, factored, inv, W, U;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
-        bool small = false;  // the whole chain in mrkit::small's kernels
-        std::vector<std::complex<double>> scratch;
-        Solve(int K, int coils)
-            : T(K, coils), A(K, K), factored(K, K), inv(K, K), W(K, coils), U(K, coils), lu(K) {
+        Solve(int K, int coils) : U(K, coils) {
 #ifdef MRKIT_SMALL_PRODUCTS
             small = mrkit::small::small_weights(K, coils);
-            if (small) scratch.resize(static_cast<size_t>(2 * K * coils + 3 * K * K));
 #endif
+            if (small) {
+                scratch.resize(static_cast<size_t>(2 * K * coils + 3 * K * K));
+                return;
+            }
+            T.resize(K, coils);
+            A.resize(K, K);
+            factored.resize(K, K);
+            inv.resize(K, K);
+            W.resize(K, coils);
+            lu = Eigen::PartialPivLU<Eigen::MatrixXcd>(K);
         }
     };
 
