@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "recon/geometry/legendre_block.hpp"
@@ -54,21 +55,21 @@ Eigen::Vector3d tabulated_linear_part(float x, float y, float z) {
 }
 
 // Offsets s(q) = inverse * (e - p) in voxel units of the encoded positions e of the points
-// p = A q, for voxel positions q given by index (q = voxel + t, t null for 0). Scratch grows
-// to one chunk.
+// p = A q, for voxel positions q given by index (q = voxel + t, t null for 0): voxels[k], or
+// first + k when voxels is null. Scratch grows to one chunk.
 class Encoder {
   public:
     Encoder(const int* dims, const double* affine, const GradientSet& g)
         : nx_(dims[0]), ny_(dims[1]), frame_(affine), g_(g) {}
 
-    void offsets(const int* voxels, int count, const float* const* t, double* const* s) {
+    void offsets(const int* voxels, int first, int count, const float* const* t, float* const* s) {
         p_.resize(3 * static_cast<size_t>(count));
         e_.resize(3 * static_cast<size_t>(count));
         float* p[3] = {p_.data(), p_.data() + count, p_.data() + 2 * count};
         float* e[3] = {e_.data(), e_.data() + count, e_.data() + 2 * count};
         mrkit::parallel_blocks(count, [&](int begin, int end) {
             for (int k = begin; k < end; ++k) {
-                const Eigen::Vector3d q = position(voxels[k], t);
+                const Eigen::Vector3d q = position(voxels ? voxels[k] : first + k, t);
                 const Eigen::Vector3d x = frame_.linear * q + frame_.offset;
                 for (int a = 0; a < 3; ++a) p[a][k] = static_cast<float>(x[a]);
             }
@@ -80,7 +81,7 @@ class Encoder {
                 const Eigen::Vector3d lin = tabulated_linear_part(p[0][k], p[1][k], p[2][k]);
                 const Eigen::Vector3d d(e[0][k] - lin[0], e[1][k] - lin[1], e[2][k] - lin[2]);
                 const Eigen::Vector3d v = frame_.inverse * d;
-                for (int a = 0; a < 3; ++a) s[a][k] = v[a];
+                for (int a = 0; a < 3; ++a) s[a][k] = static_cast<float>(v[a]);
             }
         });
     }
@@ -102,15 +103,9 @@ class Encoder {
 
 // Unwarp: t(v) = s(v), the offset of the encoded position of the voxel's true position.
 void unwarp_offsets(Encoder& enc, int n, float* t) {
-    std::vector<int> voxels(std::min(n, kChunk));
-    std::vector<double> buf(3 * voxels.size());
-    double* s[3] = {buf.data(), buf.data() + voxels.size(), buf.data() + 2 * voxels.size()};
     for (int c0 = 0; c0 < n; c0 += kChunk) {
-        const int count = std::min(kChunk, n - c0);
-        for (int k = 0; k < count; ++k) voxels[k] = c0 + k;
-        enc.offsets(voxels.data(), count, nullptr, s);
-        for (int a = 0; a < 3; ++a)
-            for (int k = 0; k < count; ++k) t[a * static_cast<int64_t>(n) + c0 + k] = s[a][k];
+        float* s[3] = {t + c0, t + n + c0, t + 2 * static_cast<int64_t>(n) + c0};
+        enc.offsets(nullptr, c0, std::min(kChunk, n - c0), nullptr, s);
     }
 }
 
@@ -126,20 +121,20 @@ int64_t warp_offsets(Encoder& enc, int n, float* t) {
     for (int a = 0; a < 3; ++a) std::fill(tt[a], tt[a] + n, 0.0f);
     std::vector<int> active(n);
     for (int i = 0; i < n; ++i) active[i] = i;
-    std::vector<double> buf(3 * static_cast<size_t>(std::min(n, kChunk)));
+    std::vector<float> buf(3 * static_cast<size_t>(std::min(n, kChunk)));
     const size_t stride = buf.size() / 3;
-    double* s[3] = {buf.data(), buf.data() + stride, buf.data() + 2 * stride};
+    float* s[3] = {buf.data(), buf.data() + stride, buf.data() + 2 * stride};
     for (int it = 0; it < kMaxIterations && !active.empty(); ++it) {
         size_t kept = 0;
         for (size_t c0 = 0; c0 < active.size(); c0 += kChunk) {
             const int count = static_cast<int>(std::min<size_t>(kChunk, active.size() - c0));
             const int* voxels = active.data() + c0;
-            enc.offsets(voxels, count, tt, s);
+            enc.offsets(voxels, 0, count, tt, s);
             for (int k = 0; k < count; ++k) {
                 const int i = voxels[k];
                 double change = 0;
                 for (int a = 0; a < 3; ++a) {
-                    const float next = static_cast<float>(-s[a][k]);
+                    const float next = -s[a][k];
                     change = std::max(change, std::fabs(static_cast<double>(next) - tt[a][i]));
                     tt[a][i] = next;
                 }
@@ -296,16 +291,13 @@ int MR_unwarp(const float* re, const float* im, int ndims, const int* dims, cons
     for (int d = 3; d < ndims; ++d) volumes *= dims[d];
     if (n == 0) return 0;
 
-    std::vector<float> t(3 * static_cast<size_t>(n));
+    std::unique_ptr<float[]> t(new float[3 * static_cast<size_t>(n)]);  // every entry written
     const mrkit::geometry::GradientSet g{coefSin, coefCos, coefZ, r0};
-    const int64_t lost = mrkit::geometry::sampling_offsets(grid, affine, g, warp, t.data());
-    std::vector<float> J;
-    if (jacobian) {
-        J.resize(static_cast<size_t>(n));
-        mrkit::geometry::offset_jacobian(grid, t.data(), J.data());
-    }
+    const int64_t lost = mrkit::geometry::sampling_offsets(grid, affine, g, warp, t.get());
+    std::unique_ptr<float[]> J(jacobian ? new float[n] : nullptr);
+    if (jacobian) mrkit::geometry::offset_jacobian(grid, t.get(), J.get());
     if (volumes > 0)
-        mrkit::geometry::resample(re, im, volumes, grid, t.data(), jacobian ? J.data() : nullptr,
+        mrkit::geometry::resample(re, im, volumes, grid, t.get(), J.get(),
                                   interp == MR_UNWARP_CUBIC, outRe, outIm);
     if (displacement) {
         // Scanner units: the linear part of the affine applied to the voxel offsets.
