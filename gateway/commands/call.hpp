@@ -70,11 +70,17 @@ class Call {
     const Command& command_;
     const std::vector<const Input*>& inputs_;
     Host& host_;
-    std::uint64_t used_ = 0;
+    std::uint64_t used_ = 0;  // bytes counted by need()
+    std::uint64_t limit_ = 0;
+    bool limitKnown_ = false;
 };
 
+// Product of the sizes with zeros counted as ones: no partial product of the sizes, which the
+// library forms in 32-bit ints, can exceed it. Saturates past kMaxIndex.
+std::int64_t size_bound(const std::vector<std::int64_t>& dims);
+
 // "46340 x 46340" (trailing ones past the second dimension left out), "16 GB".
-std::string size_text(const std::vector<int>& dims, const char* separator = " x ");
+std::string size_text(const std::vector<int>& dims);
 std::string bytes_text(std::uint64_t bytes);
 
 // ---------------------------------------------------------------------------------------------
@@ -109,6 +115,8 @@ inline Floats single_array(Call& call, const Input& a, const std::string& name,
     return f;
 }
 
+// Refuses anything but a real, full numeric array ("<name> must be real and numeric").
+void require_numeric(Call& call, const Input& a, const std::string& name);
 // A real numeric array of any class with minCount..maxCount elements, as doubles. The count is
 // checked before anything is read.
 std::vector<double> numbers(Call& call, const Input& a, const std::string& name,
@@ -119,6 +127,8 @@ std::vector<double> finite_numbers(Call& call, const Input& a, const std::string
 double finite_scalar(Call& call, const Input& a, const std::string& name);
 // A scalar the library takes as a float: finite after narrowing to single precision.
 float single_scalar(Call& call, const Input& a, const std::string& name);
+// " must be at most 3.4e38 in magnitude (single precision)": finite doubles beyond it.
+std::string single_range_text();
 // Whole numbers in lo..hi, one message for the lot ("dim must be an integer from 1 to 3").
 std::vector<int> integers(Call& call, const Input& a, const std::string& name,
                           std::size_t minCount, std::size_t maxCount, std::int64_t lo,
