@@ -132,6 +132,17 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
                             const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
                             Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims,
                             float* yCompartments, float* zCompartments);
+// The same factors, except that each folded voxel judges its aliased positions afresh: a
+// position takes part when some coil's map (either part) is non-zero there. Maps without an
+// imaginary part (sensIm null) are taken as real. Where every position of a voxel takes part
+// under both rules, the factors are those of get_combination_factors, bit for bit.
+int get_combination_factors_voxelwise(const float* sensRe, const float* sensIm,
+                                      const Eigen::VectorXi& sensDims,
+                                      const Eigen::MatrixXcd& noiseCov, const Eigen::Vector3f& R,
+                                      double lambda, const Eigen::VectorXf& regImage,
+                                      Eigen::VectorXcd& factors, Eigen::VectorXi& foldedDims,
+                                      Eigen::VectorXi fullDims, float* yCompartments,
+                                      float* zCompartments);
 int find_edges(Eigen::VectorXf current, Eigen::VectorXf previous, int count, int prevCount,
                int foldedSize);
 // Status: 1 on success, -1 when a voxel was skipped because an index fell outside its array.
@@ -147,3 +158,15 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
                    const float* refIm, int nRefDims, const int* refDims, const float* regRe,
                    const float* regIm, int nRegDims, const int* regDims, double regScale,
                    float* outRe, float* outIm, const int* outDims);
+// MR_sense_recon with the factors of get_combination_factors_voxelwise: masked maps (zero outside
+// the object) unfold without singular systems. Same inputs and, where every aliased position of
+// every voxel has signal in coil 0's real map, the same bits. Status: 1 on success, -1 on
+// failure or when a voxel or map position was skipped (sizes that do not fit each other).
+int MR_sense_recon_voxelwise(const float* foldedRe, const float* foldedIm, int nFoldedDims,
+                             const int* foldedDims, const float* sensRe, const float* sensIm,
+                             int nSensDims, const int* sensDims, const float* noiseRe,
+                             const float* noiseIm, int nNoiseDims, const int* noiseDims,
+                             const int* fullDims, const float* refRe, const float* refIm,
+                             int nRefDims, const int* refDims, const float* regRe,
+                             const float* regIm, int nRegDims, const int* regDims,
+                             double regScale, float* outRe, float* outIm, const int* outDims);
