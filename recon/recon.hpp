@@ -170,3 +170,22 @@ int MR_sense_recon_voxelwise(const float* foldedRe, const float* foldedIm, int n
                              int nRefDims, const int* refDims, const float* regRe,
                              const float* regIm, int nRegDims, const int* regDims,
                              double regScale, float* outRe, float* outIm, const int* outDims);
+
+// ---------------------------------------------------------------------------------------------
+// Calibration: what SENSE needs, estimated from the data.
+
+// Coil sensitivity maps (nx, ny, nz, coils; dims) from centred multi-coil k-space of that size,
+// fully sampled in the centred block of calibSize[0..2] samples (the k-space centre at index n/2
+// of each axis). Walsh's method on the block's low-resolution images: the dominant eigenvector
+// of the coil covariance over window[0..2] voxels around each voxel, its phase set so that one
+// virtual coil of all is real, unit norm over the coils. Voxels whose low-resolution magnitude
+// is below threshold times the largest get zero maps (threshold 0 keeps every voxel with any
+// signal). kIm may be null. Returns the number of voxels with maps.
+int MR_coil_maps(const float* kRe, const float* kIm, const int* dims, const int* calibSize,
+                 const int* window, float threshold, float* mapsRe, float* mapsIm);
+
+// Coil noise covariance psi(r, c) = mean of x_r conj(x_c) over all noise samples, the coils along
+// the 1-based dimension coilDim of the ndims sizes in dims; im may be null. psi is coils x coils,
+// column-major, in the units of the samples squared; the mean is not removed (noise has none).
+void MR_noise_covariance(const float* re, const float* im, int ndims, const int* dims, int coilDim,
+                         float* psiRe, float* psiIm);
