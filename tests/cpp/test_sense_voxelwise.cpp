@@ -275,3 +275,25 @@ TEST(SenseVoxelwise, SameBitsForAnyThreadCount) {
     EXPECT_TRUE(same_bits(one.re, two.re));
     EXPECT_TRUE(same_bits(one.im, three.im));
 }
+
+// A map may be zero in its real part and not in its imaginary one (a coil whose phase is a
+// quarter turn there): the position has signal. Maps i |s| unfold as well as any.
+TEST(SenseVoxelwise, ImaginaryMapsHaveSignal) {
+    const Dims full{20, 36, 1};
+    const int coils = 6, fy = 18;
+    const Split img = make_object(full[0], full[1], full[2]);
+    Split maps = make_maps(full[0], full[1], full[2], coils);
+    for (size_t i = 0; i < maps.size(); ++i) maps.set(i, cf(0.0f, std::abs(maps.at(i))));
+    Split data({full[0], fy, 1, coils});
+    const size_t n = img.size();
+    for (int c = 0; c < coils; ++c)
+        for (int y = 0; y < full[1]; ++y)
+            for (int x = 0; x < full[0]; ++x) {
+                const size_t o = x + full[0] * (fold_index(y, full[1], fy) + size_t(fy) * c);
+                const size_t i = x + size_t(full[0]) * y;
+                data.set(o, data.at(o) + img.at(i) * maps.at(i + n * c));
+            }
+    Split out = make_output(data, full);
+    ASSERT_EQ(reconstruct(data, maps, full, out, {}, &MR_sense_recon_voxelwise), 1);
+    EXPECT_LT(nrmse(out, img), 1e-5);
+}
