@@ -109,6 +109,11 @@ class MexHost final : public cmd::Host {
 
     int outputs_requested() const override { return nlhs_; }
 
+#ifndef MRKIT_MATLAB
+    // Octave copies every output into an array of its own on return: outputs count twice.
+    std::uint64_t memory_limit() const override { return Host::memory_limit() / 2; }
+#endif
+
     cmd::Blocks<float> new_single(int slot, const std::vector<std::int64_t>& dims, bool complex,
                                   cmd::Fill fill) override {
         const mxComplexity c = complex ? mxCOMPLEX : mxREAL;
