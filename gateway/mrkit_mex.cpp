@@ -135,9 +135,9 @@ class MexHost final : public cmd::Host {
     // A complex array is duplicated by the host, which converts Octave's interleaved data into
     // the new split blocks in the same pass.
     cmd::Blocks<float> copy_single(int slot, const cmd::Input& source) override {
-        if (!source.is_complex()) return Host::copy_single(slot, source);
-        const mxArray* a = static_cast<const MxInput&>(source).array();
-        return singles(put(slot, allocating([&] { return mxDuplicateArray(a); })));
+        const MxInput* host = dynamic_cast<const MxInput*>(&source);
+        if (!source.is_complex() || !host) return Host::copy_single(slot, source);
+        return singles(put(slot, allocating([&] { return mxDuplicateArray(host->array()); })));
     }
 
     cmd::Blocks<double> new_double(int slot, const std::vector<std::int64_t>& dims,
