@@ -30,8 +30,10 @@ def _calls(rng):
     folded = exams.fold(exams.phantom(12, 20)[:, :, None, None] * sens, 1, 8).astype(np.complex64)
     cs, cc, cz = _gradwarp_coefficients()
     pts = rng.uniform(-50, 50, (3, 4, 5)).astype(np.float32)
+    wide = complex_data(rng, (70, 3, 2, 45))  # more than one conversion tile along both axes
     return [
         ("fftshift", lambda x: mrkit.fftshift(x, 1), [k]),
+        ("fftshift wide", lambda x: mrkit.fftshift(x, 0), [wide]),
         ("ifftshift", lambda x: mrkit.ifftshift(x, 2), [real]),
         ("zeropad", lambda x: mrkit.zeropad(x, (10, 17, 4)), [k]),
         ("ringing", lambda x: mrkit.ringing(x, [0.3, 0.6, 0.1], [7, 12, 3]), [k]),
