@@ -110,11 +110,16 @@ void PyHost::warn(const std::string&, const std::string& message) {
     if (PyErr_WarnEx(PyExc_RuntimeWarning, message.c_str(), 1) != 0) throw py::error_already_set();
 }
 
+// Signals are only readable with the GIL, which the library runs without: the poll takes it
+// at most every 50 ms, so that a busy interpreter thread holding it delays the library little.
 bool PyHost::interrupted() {
     if (std::this_thread::get_id() != kMainThread) return false;
+    const double now = now_ms();
+    if (now - lastPoll_ < 50) return false;
+    lastPoll_ = now;
     py::gil_scoped_acquire gil;
     if (PyErr_CheckSignals() == 0) return false;
-    PyErr_Clear();  // the layer's Interrupted error becomes the KeyboardInterrupt
+    interruption_ = std::make_unique<py::error_already_set>();  // takes the pending exception
     return true;
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -129,6 +130,9 @@ class PyHost final : public cmd::Host {
 
     // The outputs as a tuple, in slot order. Needs the GIL.
     py::tuple results();
+    // The exception a signal handler raised when interrupted() said stop (KeyboardInterrupt
+    // for Ctrl-C), or null.
+    std::unique_ptr<py::error_already_set> take_interruption() { return std::move(interruption_); }
 
   private:
     struct Output {
@@ -144,6 +148,8 @@ class PyHost final : public cmd::Host {
     std::map<int, Output> outputs_;
     PyThreadState* saved_ = nullptr;
     double libraryStart_ = 0;
+    double lastPoll_ = 0;
+    std::unique_ptr<py::error_already_set> interruption_;
 };
 
 // Wall time of this thread's last call, in ms: inside the library, and from the call's entry

@@ -29,6 +29,7 @@ py::tuple call(const std::string& command, const py::sequence& args, int threads
     try {
         cmd::run(command, inputs, host);
     } catch (const cmd::Error& e) {
+        if (auto pending = host.take_interruption()) throw *pending;  // the handler's own
         raise(e);
     } catch (const std::bad_alloc&) {
         raise(PyExc_MemoryError, "mrkit:" + command, "mrkit:" + command + ": not enough memory");

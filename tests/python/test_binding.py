@@ -1,6 +1,7 @@
 """The adapter's promises: any layout and floating dtype gives the same bits, inputs are never
 written, the thread count changes nothing, errors carry the layer's kind, text and id."""
 
+import signal
 import sys
 import threading
 
@@ -136,3 +137,15 @@ def test_the_library_runs_without_the_gil(rng):
     finally:
         sys.setswitchinterval(interval)
     assert ran_during_call
+
+
+def test_ctrl_c_during_calls_raises_keyboard_interrupt(rng):
+    x = complex_data(rng, (256, 256, 1, 16))
+    timer = threading.Timer(0.2, signal.raise_signal, (signal.SIGINT,))
+    timer.start()
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            for _ in range(2000):
+                mrkit.ringing(x, [0.5, 0.5], [100, 100], threads=1)
+    finally:
+        timer.cancel()

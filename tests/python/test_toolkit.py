@@ -98,7 +98,7 @@ def test_gradwarp_linear_gradients_keep_points_and_higher_terms_move_them(rng):
 
 
 def test_generic_call_reaches_every_listed_command():
-    assert mrkit.commands()[:8] == ["sense", "sos", "pcsos", "fftshift", "ifftshift", "zeropad",
-                                    "ringing", "gradwarp"]
+    assert {"sense", "sos", "pcsos", "fftshift", "ifftshift", "zeropad", "ringing",
+            "gradwarp"} <= set(mrkit.commands())
     (y,) = mrkit.call("sos", np.ones((2, 3), np.float32), 1)
     np.testing.assert_allclose(y, np.sqrt(3) * np.ones((2, 1)))
