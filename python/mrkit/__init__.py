@@ -22,6 +22,7 @@ from . import _mrkit
 __all__ = [
     "homodyne_filter", "homodyne_multiply", "homodyne_recon", "sense", "sos", "pcsos",
     "fftshift", "ifftshift", "zeropad", "ringing", "gradwarp", "call", "commands",
+    "coilmaps", "noisecov", "unwarp", "gradfile",
 ]
 
 
@@ -318,14 +319,15 @@ def sense(folded, sens, full_shape, *, noise=None, reference=None, regularizatio
     threads : int, optional
         OpenMP threads for this call.
     **options
-        Further options of the Octave command, by their names in snake case.
+        Further options of the Octave command by their names in snake case, e.g.
+        ``validity="exact"`` where the command has that option.
 
     Returns
     -------
     image : numpy.ndarray
         complex64, ``full_shape + (1,) + folded.shape[4:]``; zero where nothing unfolds.
     info : dict
-        ``status`` is 1.0 on success.
+        ``status`` is 1.0 on success, with the counts the command reports beside it.
 
     Examples
     --------
@@ -349,6 +351,151 @@ def sense(folded, sens, full_shape, *, noise=None, reference=None, regularizatio
         args += ["regScale", reg_scale]
     image, *rest = call("sense", *args, threads=threads)
     return image, _info(rest)
+
+
+def _options(**given):
+    """Name-value arguments of the options given (not None), named as in Octave."""
+    args = []
+    for keyword, value in given.items():
+        if value is not None:
+            args += [_option_name(keyword), value]
+    return args
+
+
+def coilmaps(kspace, calib_shape, *, threshold=None, window=None, threads=None):
+    """Coil maps from centred multi-coil k-space with a fully sampled centre (Walsh's method).
+
+    Parameters
+    ----------
+    kspace : array_like, complex floating
+        Centred k-space (x, y, z, coils), fully sampled in a centred block of ``calib_shape``.
+    calib_shape : sequence of 2 or 3 ints
+        Size of the calibration block.
+    threshold : float, optional
+        Maps are 0 where the low-resolution magnitude is below this fraction of its largest
+        value (default 0.05; 0 keeps them unmasked).
+    window : sequence of 1 to 3 odd ints, optional
+        Covariance window (default (5, 5, 3)).
+    threads : int, optional
+        OpenMP threads for this call.
+
+    Returns
+    -------
+    numpy.ndarray
+        complex64 maps (x, y, z, coils), unit norm over the coils, as :func:`sense` takes them.
+
+    Examples
+    --------
+    >>> import numpy as np, mrkit
+    >>> x, y = np.meshgrid(np.linspace(-1, 1, 32), np.linspace(-1, 1, 32), indexing="ij")
+    >>> obj = np.exp(-2 * (x**2 + y**2))
+    >>> maps = np.stack([np.exp(1j * (x + c)) for c in range(4)], axis=-1)[:, :, None, :]
+    >>> k = np.fft.fftshift(np.fft.fft2(obj[:, :, None, None] * maps, axes=(0, 1)), axes=(0, 1))
+    >>> s = mrkit.coilmaps(k, (32, 12), threshold=0)
+    >>> s.shape, bool(np.allclose(np.sum(abs(s) ** 2, axis=3), 1, atol=1e-4))
+    ((32, 32, 1, 4), True)
+    """
+    return call("coilmaps", kspace, calib_shape, *_options(threshold=threshold, window=window),
+                threads=threads)[0]
+
+
+def noisecov(samples, coil_axis, *, threads=None):
+    """Coil noise covariance of noise-only samples, in the units of the samples squared.
+
+    Parameters
+    ----------
+    samples : array_like, real or complex floating
+        Noise samples (a noise prescan or background samples) with the coils along
+        ``coil_axis``.
+    coil_axis : int
+        Axis of the coils.
+    threads : int, optional
+        OpenMP threads for this call.
+
+    Returns
+    -------
+    numpy.ndarray
+        complex64 coils x coils matrix, as :func:`sense` takes it for ``noise``.
+
+    Examples
+    --------
+    >>> import numpy as np, mrkit
+    >>> n = np.random.default_rng(0).standard_normal((20000, 3)) * [1, 2, 3]
+    >>> np.round(np.diag(mrkit.noisecov(n, 1)).real)
+    array([1., 4., 9.], dtype=float32)
+    """
+    return call("noisecov", samples, coil_axis, threads=threads)[0]
+
+
+def unwarp(volume, affine, coef_sin, coef_cos, coef_z, r0, *, jacobian=None, interp=None,
+           direction=None, threads=None):
+    """Gradient non-linearity correction of a whole volume.
+
+    Parameters
+    ----------
+    volume : array_like, real or complex floating
+        Image volume (x, y, z); axes 3 and up share the geometry.
+    affine : array_like, shape (4, 4)
+        Voxel-to-scanner matrix from 0-based voxel indices (as NIfTI has it) to scanner
+        coordinates in the unit of ``r0``.
+    coef_sin, coef_cos, coef_z, r0
+        The gradient expansion, as for :func:`gradwarp`.
+    jacobian : bool, optional
+        Scale the intensity by the volume change.
+    interp : {'linear', 'cubic'}, optional
+        Interpolation of the input (cubic: Catmull-Rom).
+    direction : {'unwarp', 'warp'}, optional
+        'warp' maps the true image to the distorted one.
+    threads : int, optional
+        OpenMP threads for this call.
+
+    Returns
+    -------
+    image : numpy.ndarray
+        The corrected volume, float32 or complex64; 0 where the sample lies outside.
+    displacement : numpy.ndarray
+        (x, y, z, 3) scanner-space vector from each voxel to where it was sampled.
+
+    Examples
+    --------
+    >>> import numpy as np, mrkit
+    >>> cs = np.zeros((14, 12)); cs[1, 1] = 1
+    >>> cz = np.zeros(17); cz[1] = 1
+    >>> vol = np.random.default_rng(0).standard_normal((8, 8, 4))
+    >>> img, d = mrkit.unwarp(vol, np.diag([2.0, 2.0, 3.0, 1.0]), cs, cs, cz, 250)
+    >>> d.shape, bool(np.allclose(img, vol, atol=1e-3))   # linear gradients: no distortion
+    ((8, 8, 4, 3), True)
+    """
+    out = call("unwarp", volume, affine, coef_sin, coef_cos, coef_z, r0,
+               *_options(jacobian=jacobian, interp=interp, direction=direction), threads=threads)
+    return out[0], out[1]
+
+
+def gradfile(path):
+    r"""Read a gradient coefficient file.
+
+    Parameters
+    ----------
+    path : str
+        File with lines ``<no> A( n, m) <value> <axis>`` or ``B(...)`` and ``<r0> m = R0``.
+
+    Returns
+    -------
+    (coef_sin, coef_cos, coef_z, r0, dropped)
+        Coefficients as :func:`gradwarp` takes them, r0 in metres as the file gives it, and
+        the non-zero terms the series has no place for.
+
+    Examples
+    --------
+    >>> import os, tempfile, mrkit
+    >>> path = os.path.join(tempfile.mkdtemp(), "coil.coef")
+    >>> _ = open(path, "w").write("0.25 m = R0\n1 A( 1, 1) 1.0 x\n2 B( 1, 1) 1.0 y\n3 A( 1, 0) 1.0 z\n")
+    >>> cs, cc, cz, r0, dropped = mrkit.gradfile(path)
+    >>> cs.shape, cz.shape, r0, float(cc[1, 1]), dropped
+    ((14, 12), (17, 1), 0.25, 1.0, [])
+    """
+    coef_sin, coef_cos, coef_z, r0, dropped = call("gradfile", path)
+    return coef_sin, coef_cos, coef_z, float(np.asarray(r0).ravel()[0]), list(dropped)
 
 
 def _info(rest):
