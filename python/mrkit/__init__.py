@@ -305,8 +305,9 @@ def sense(folded, sens, full_shape, *, noise=None, reference=None, regularizatio
         Folded coil images (x, y, z, coils, up to nine more axes); axis 7 selects the set of
         coil maps, the others are independent volumes. x is never folded.
     sens : array_like, floating
-        Coil maps (x, y, z, coils, sets) on their own grid. A position counts only where the
-        first coil's map is non-zero.
+        Coil maps (x, y, z, coils, sets) on their own grid, zero outside the object if need
+        be: an aliased position takes part where some coil's map is non-zero there
+        (``validity="exact"``: the library's reference rule, only the first coil's real map).
     full_shape : sequence of 2 or 3 ints
         Unfolded sizes of axes 0-1 or 0-2 (``full_shape[0] == folded.shape[0]``).
     noise : array_like, optional
@@ -327,7 +328,9 @@ def sense(folded, sens, full_shape, *, noise=None, reference=None, regularizatio
     image : numpy.ndarray
         complex64, ``full_shape + (1,) + folded.shape[4:]``; zero where nothing unfolds.
     info : dict
-        ``status`` is 1.0 on success, with the counts the command reports beside it.
+        ``status`` is 1.0 on success, 0.0 when a sample of the image is not finite (with a
+        warning), -1.0 when voxels were skipped; ``nonfinite`` counts the samples not finite,
+        ``skipped`` is 1.0 when voxels were skipped.
 
     Examples
     --------

@@ -182,29 +182,30 @@ Outcome run(const Case& c, const Inputs& in, Recon recon) {
     return o;
 }
 
-Outcome library(const Case& c, const Inputs& in) {
+Outcome library(const Case& c, const Inputs& in, bool perVoxel = false) {
     return run(c, in,
-               [](const float* fRe, const float* fIm, int nd, const int* fd, const float* sRe,
+               [perVoxel](const float* fRe, const float* fIm, int nd, const int* fd, const float* sRe,
                   const float* sIm, int ns, const int* sd, const float* nRe, const float* nIm,
                   const int* nDims, const int* full, const float* rRe, const float* rIm, int nr,
                   const int* rd, const float* gRe, const float* gIm, int ng, const int* gd,
                   double scale, float* oRe, float* oIm, const int* od) {
-                   return MR_sense_recon(fRe, fIm, nd, fd, sRe, sIm, ns, sd, nRe, nIm, 2, nDims,
-                                         full, rRe, rIm, nr, rd, gRe, gIm, ng, gd, scale, oRe, oIm,
-                                         od);
+                   return (perVoxel ? MR_sense_recon_voxelwise : MR_sense_recon)(
+                       fRe, fIm, nd, fd, sRe, sIm, ns, sd, nRe, nIm, 2, nDims, full, rRe, rIm, nr,
+                       rd, gRe, gIm, ng, gd, scale, oRe, oIm, od);
                });
 }
 
-Outcome reference(const Case& c, const Inputs& in) {
+Outcome reference(const Case& c, const Inputs& in,
+                  sense_reference::Validity validity = sense_reference::Validity::Sticky) {
     return run(c, in,
-               [](const float* fRe, const float* fIm, int nd, const int* fd, const float* sRe,
+               [validity](const float* fRe, const float* fIm, int nd, const int* fd, const float* sRe,
                   const float* sIm, int ns, const int* sd, const float* nRe, const float* nIm,
                   const int* nDims, const int* full, const float* rRe, const float* rIm, int nr,
                   const int* rd, const float* gRe, const float* gIm, int ng, const int* gd,
                   double scale, float* oRe, float* oIm, const int* od) {
                    return sense_reference::recon(fRe, fIm, nd, fd, sRe, sIm, ns, sd, nRe, nIm,
                                                  nDims, full, rRe, rIm, nr, rd, gRe, gIm, ng, gd,
-                                                 scale, oRe, oIm, od);
+                                                 scale, oRe, oIm, od, validity);
                });
 }
 
@@ -233,6 +234,28 @@ TEST(SenseReference, RandomCasesGiveTheReferenceBits) {
     }
     // The cases must exercise the unfolding, not just leave outputs alone.
     EXPECT_GT(unfoldedSomething, 90);
+}
+
+// The per-voxel entry against the reference's per-voxel rule, on the same random cases. Its
+// status also reports skipped positions (-1) where the reference driver counts them as success.
+TEST(SenseReference, RandomCasesPerVoxelGiveTheReferenceBits) {
+    std::mt19937 g(20261125);
+    for (int i = 0; i < 120; ++i) {
+        const Case c = random_case(g);
+        const Inputs in = make_inputs(c, g);
+        SCOPED_TRACE("case " + std::to_string(i) + ": " + c.describe());
+        const Outcome want = reference(c, in, sense_reference::Validity::PerVoxel);
+        const std::vector<int> teams =
+            c.folded[0] > c.full[0] ? std::vector<int>{1} : std::vector<int>{1, 2, 3};
+        for (int threads : teams) {
+            const Outcome got = with_threads(threads, [&] { return library(c, in, true); });
+            if (want.status == -1) {
+                ASSERT_EQ(got.status, -1) << threads << " threads";
+            }
+            ASSERT_TRUE(same_values(got.out.re, want.out.re)) << threads << " threads";
+            ASSERT_TRUE(same_values(got.out.im, want.out.im)) << threads << " threads";
+        }
+    }
 }
 
 // The reference itself reconstructs: noise-free folded data of a smooth object come back from
