@@ -2,7 +2,8 @@
 // the combination factors, the unfolding of one volume and of 16 volumes sharing the factors
 // timed apart, then whole reconstructions of 1 and 16 volumes sharing one sensitivity set. A
 // memcpy of one folded volume's bytes gives the scale: the run closes with memcpy / operation
-// ratios. Rates are folded voxels per second.
+// ratios. Rates are folded voxels per second. The factors and whole reconstructions also run with
+// the per-voxel validity rule (the Voxelwise rows), row beside row with the reference rule.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -40,9 +41,9 @@ struct Setup {
             static_cast<int>(ceilf(R[1])) * kCoils;
         factors = Eigen::VectorXcd::Zero(factorDims.prod());
     }
-    int compute_factors() {
+    int compute_factors(decltype(&get_combination_factors) f = &get_combination_factors) {
         yc[0] = yc[1] = zc[0] = zc[1] = -1.0f;
-        return get_combination_factors(maps.re.data(), maps.im.data(), sensDims,
+        return f(maps.re.data(), maps.im.data(), sensDims,
                                        Eigen::MatrixXcd::Identity(kCoils, kCoils), R, 0.0,
                                        Eigen::VectorXf(), factors, foldedDims, fullDims, yc, zc);
     }
@@ -56,6 +57,13 @@ void set_rate(benchmark::State& state, double voxelsPerIteration) {
 void BM_Factors(benchmark::State& state) {
     Setup s(static_cast<int>(state.range(0)));
     for (auto _ : state) benchmark::DoNotOptimize(s.compute_factors());
+    set_rate(state, double(kN) * s.factorDims[1]);
+}
+
+void BM_FactorsVoxelwise(benchmark::State& state) {
+    Setup s(static_cast<int>(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(s.compute_factors(&get_combination_factors_voxelwise));
     set_rate(state, double(kN) * s.factorDims[1]);
 }
 
@@ -95,7 +103,7 @@ void BM_UnfoldVolumes(benchmark::State& state) {
 }
 
 // Whole reconstruction of `volumes` volumes along dimension 5, one sensitivity set.
-void BM_Recon(benchmark::State& state) {
+void recon(benchmark::State& state, SenseEntry entry) {
     const int folded = static_cast<int>(state.range(0)), volumes = static_cast<int>(state.range(1));
     const Split one = fold(make_object(kN, kN, 1), kCoils, folded, 1);
     Split data({kN, folded, 1, kCoils, volumes});
@@ -105,8 +113,15 @@ void BM_Recon(benchmark::State& state) {
     }
     const Split maps = make_maps(kN, kN, 1, kCoils);
     Split out = make_output(data, {kN, kN, 1});
-    for (auto _ : state) benchmark::DoNotOptimize(reconstruct(data, maps, {kN, kN, 1}, out));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(reconstruct(data, maps, {kN, kN, 1}, out, {}, entry));
     set_rate(state, double(kN) * folded * volumes);
+}
+void BM_Recon(benchmark::State& state) {
+    recon(state, &MR_sense_recon);
+}
+void BM_ReconVoxelwise(benchmark::State& state) {
+    recon(state, &MR_sense_recon_voxelwise);
 }
 
 // Copy of one folded volume (all coils, both parts): the floor any per-volume pass pays.
@@ -123,6 +138,7 @@ void BM_MemcpyFoldedVolume(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_Factors)->Arg(128)->Arg(102)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FactorsVoxelwise)->Arg(128)->Arg(102)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_UnfoldVolume)->Arg(128)->Arg(102)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_UnfoldVolumes)
     ->Args({128, 16})
@@ -130,6 +146,13 @@ BENCHMARK(BM_UnfoldVolumes)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 BENCHMARK(BM_Recon)
+    ->Args({128, 1})
+    ->Args({102, 1})
+    ->Args({128, 16})
+    ->Args({102, 16})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_ReconVoxelwise)
     ->Args({128, 1})
     ->Args({102, 1})
     ->Args({128, 16})
@@ -152,6 +175,10 @@ int main(int argc, char** argv) {
             const std::string recon =
                 "BM_Recon/" + folded + "/" + std::to_string(volumes) + "/real_time";
             mrkit_bench::print_ratio(recon + " vs memcpy", copy * volumes, reporter.median(recon));
+            const std::string voxelwise =
+                "BM_ReconVoxelwise/" + folded + "/" + std::to_string(volumes) + "/real_time";
+            mrkit_bench::print_ratio(voxelwise + " vs memcpy", copy * volumes,
+                                     reporter.median(voxelwise));
         }
     }
     benchmark::Shutdown();

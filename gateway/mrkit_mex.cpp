@@ -110,6 +110,11 @@ class MexHost final : public cmd::Host {
 
     int outputs_requested() const override { return nlhs_; }
 
+#ifndef MRKIT_MATLAB
+    // Octave copies every output into an array of its own on return: outputs count twice.
+    std::uint64_t memory_limit() const override { return Host::memory_limit() / 2; }
+#endif
+
     cmd::Blocks<float> new_single(int slot, const std::vector<std::int64_t>& dims, bool complex,
                                   cmd::Fill fill) override {
         const mxComplexity c = complex ? mxCOMPLEX : mxREAL;
@@ -131,9 +136,9 @@ class MexHost final : public cmd::Host {
     // A complex array is duplicated by the host, which converts Octave's interleaved data into
     // the new split blocks in the same pass.
     cmd::Blocks<float> copy_single(int slot, const cmd::Input& source) override {
-        if (!source.is_complex()) return Host::copy_single(slot, source);
-        const mxArray* a = static_cast<const MxInput&>(source).array();
-        return singles(put(slot, allocating([&] { return mxDuplicateArray(a); })));
+        const MxInput* host = dynamic_cast<const MxInput*>(&source);
+        if (!source.is_complex() || !host) return Host::copy_single(slot, source);
+        return singles(put(slot, allocating([&] { return mxDuplicateArray(host->array()); })));
     }
 
     cmd::Blocks<double> new_double(int slot, const std::vector<std::int64_t>& dims,

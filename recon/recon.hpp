@@ -184,6 +184,17 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
                             const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
                             Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims,
                             float* yCompartments, float* zCompartments);
+// The same factors, except that each folded voxel judges its aliased positions afresh: a
+// position takes part when some coil's map (either part) is non-zero there. Maps without an
+// imaginary part (sensIm null) are taken as real. Where every position of a voxel takes part
+// under both rules, the factors are those of get_combination_factors, bit for bit.
+int get_combination_factors_voxelwise(const float* sensRe, const float* sensIm,
+                                      const Eigen::VectorXi& sensDims,
+                                      const Eigen::MatrixXcd& noiseCov, const Eigen::Vector3f& R,
+                                      double lambda, const Eigen::VectorXf& regImage,
+                                      Eigen::VectorXcd& factors, Eigen::VectorXi& foldedDims,
+                                      Eigen::VectorXi fullDims, float* yCompartments,
+                                      float* zCompartments);
 int find_edges(Eigen::VectorXf current, Eigen::VectorXf previous, int count, int prevCount,
                int foldedSize);
 // Status: 1 on success, -1 when a voxel was skipped because an index fell outside its array.
@@ -199,3 +210,34 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
                    const float* refIm, int nRefDims, const int* refDims, const float* regRe,
                    const float* regIm, int nRegDims, const int* regDims, double regScale,
                    float* outRe, float* outIm, const int* outDims);
+// MR_sense_recon with the factors of get_combination_factors_voxelwise: masked maps (zero outside
+// the object) unfold without singular systems. Same inputs and, where every aliased position of
+// every voxel has signal in coil 0's real map, the same bits. Status: 1 on success, -1 on
+// failure or when a voxel or map position was skipped (sizes that do not fit each other).
+int MR_sense_recon_voxelwise(const float* foldedRe, const float* foldedIm, int nFoldedDims,
+                             const int* foldedDims, const float* sensRe, const float* sensIm,
+                             int nSensDims, const int* sensDims, const float* noiseRe,
+                             const float* noiseIm, int nNoiseDims, const int* noiseDims,
+                             const int* fullDims, const float* refRe, const float* refIm,
+                             int nRefDims, const int* refDims, const float* regRe,
+                             const float* regIm, int nRegDims, const int* regDims,
+                             double regScale, float* outRe, float* outIm, const int* outDims);
+
+// ---------------------------------------------------------------------------------------------
+// Calibration: what SENSE needs, estimated from the data.
+
+// Coil sensitivity maps (nx, ny, nz, coils; dims) from centred multi-coil k-space of that size,
+// fully sampled in the centred block of calibSize[0..2] samples (the k-space centre at index n/2
+// of each axis). Walsh's method on the block's low-resolution images: the dominant eigenvector
+// of the coil covariance over window[0..2] voxels around each voxel, its phase set so that one
+// virtual coil of all is real, unit norm over the coils. Voxels whose low-resolution magnitude
+// is below threshold times the largest get zero maps (threshold 0 keeps every voxel with any
+// signal). kIm may be null. Returns the number of voxels with maps.
+int MR_coil_maps(const float* kRe, const float* kIm, const int* dims, const int* calibSize,
+                 const int* window, float threshold, float* mapsRe, float* mapsIm);
+
+// Coil noise covariance psi(r, c) = mean of x_r conj(x_c) over all noise samples, the coils along
+// the 1-based dimension coilDim of the ndims sizes in dims; im may be null. psi is coils x coils,
+// column-major, in the units of the samples squared; the mean is not removed (noise has none).
+void MR_noise_covariance(const float* re, const float* im, int ndims, const int* dims, int coilDim,
+                         float* psiRe, float* psiIm);

@@ -6,7 +6,8 @@ preset=${1:-default}
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
-packages=(g++ cmake make pkg-config libeigen3-dev libgtest-dev libbenchmark-dev octave liboctave-dev)
+packages=(g++ cmake make pkg-config libeigen3-dev libgtest-dev libbenchmark-dev octave liboctave-dev
+          python3-dev python3-numpy python3-pybind11 python3-pytest python3-distributed python3-matplotlib)
 [ "$preset" = tsan ] && packages+=(clang libomp-dev)
 
 missing=()

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <new>
+#include <stdexcept>
 #include <string>
 
 #include "gateway/commands/call.hpp"
@@ -226,6 +227,8 @@ void run(std::string_view command, const std::vector<const Input*>& inputs, Host
         try {
             c.run(call);
         } catch (const std::bad_alloc&) {
+            call.fail(ErrorKind::Memory, "not enough memory");
+        } catch (const std::length_error&) {
             call.fail(ErrorKind::Memory, "not enough memory");
         }
         if (c.listed) lastSpans.command = now_ms() - start;

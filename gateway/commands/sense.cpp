@@ -39,6 +39,7 @@ std::string sizes_text(const std::vector<int>& dims) {
 struct Options {
     std::optional<Floats> noise, ref, reg;
     double regScale = 1.0;
+    bool exact = false;  // the reference validity rule of MR_sense_recon
 };
 
 Options options(Call& call) {
@@ -59,9 +60,15 @@ Options options(Call& call) {
         } else if (name == "regscale") {
             o.regScale = finite_scalar(call, value, "regScale");
             if (o.regScale <= 0) call.fail("regScale must be positive");
+        } else if (name == "validity") {
+            const std::string rule =
+                value.element_class() == ElementClass::Char ? lower(value.text()) : "";
+            if (rule != "voxel" && rule != "exact")
+                call.fail("validity must be 'voxel' or 'exact'");
+            o.exact = rule == "exact";
         } else {
             call.fail("unknown option '" + text +
-                      "'; valid options: noise, reference, regularization, regScale");
+                      "'; valid options: noise, reference, regularization, regScale, validity");
         }
     }
     return o;
@@ -148,9 +155,15 @@ void sense(Call& call) {
     Options o = options(call);
     check_shapes(call, folded, sens, full, o);
     const std::vector<int> outDims = check_bounds(call, folded, sens, full, o.reg.has_value());
+    // The prior's weight balances it against the data's noise, taken as unit variance per coil
+    // without a covariance: the result then depends on the data's arbitrary scale.
+    if (o.reg && !o.noise)
+        call.warn("regularization without noise weighs the prior against unit noise variance; "
+                  "pass 'noise' in the units of the data (see mrkit('noisecov', ...))");
 
-    // The library marks an aliased position valid only where the maps have an imaginary block,
-    // and reads one whenever a noise matrix is given: real input gets a zero block.
+    // The reference rule marks an aliased position valid only where the maps have an imaginary
+    // block, and the library reads one whenever a noise matrix is given: real input gets a zero
+    // block.
     const bool realSens = !sens.complex;
     const bool realNoise = o.noise && !o.noise->complex;
     const int zeroCount = std::max(realSens ? sens.numel : 0, realNoise ? o.noise->numel : 0);
@@ -170,8 +183,9 @@ void sense(Call& call) {
     const Floats* reg = o.reg ? &*o.reg : nullptr;
 
     const Blocks<float> img = call.new_single(0, outDims, true, Fill::Zero);  // 0 where nothing unfolds
-    const int status = call.library([&] {
-        return MR_sense_recon(
+    const auto entry = o.exact ? &MR_sense_recon : &MR_sense_recon_voxelwise;
+    int status = call.library([&] {
+        return entry(
             folded.re, folded.im, nFolded, fd.data(), sens.re, realSens ? zeros.data() : sens.im, 4,
             sensDims, noise ? noise->re : nullptr,
             noise ? (realNoise ? zeros.data() : noise->im) : nullptr, 2, noiseDims, full.data(),
@@ -180,7 +194,25 @@ void sense(Call& call) {
             reg ? reg->rank() : 1, reg ? reg->dims.data() : one, o.regScale, img.re, img.im,
             outDims.data());
     });
+    // No NaN behind a success: status 0 and a warning when any sample is not finite.
+    int64_t count = 1;
+    for (int d : outDims) count *= d;
+    int64_t nonfinite = 0;
+    for (int64_t i = 0; i < count; ++i)
+        nonfinite += !std::isfinite(img.re[i]) || !std::isfinite(img.im[i]);
+    if (nonfinite > 0) {
+        if (status == 1) status = 0;
+        const std::string id = std::string("mrkit:") + call.name() + ":nonfinite";
+        call.host().warn(id, std::string("mrkit:") + call.name() + ": " +
+                                 std::to_string(nonfinite) + " of " + std::to_string(count) +
+                                 " output samples are not finite" +
+                                 (o.exact ? " (validity 'exact' with maps that are zero somewhere "
+                                            "gives singular systems; use 'voxel')"
+                                          : ""));
+    }
     call.new_double(1, {1, 1}, false).re[0] = status;
+    call.set_record(2, {{"nonfinite", {static_cast<double>(nonfinite)}},
+                        {"skipped", {status == -1 ? 1.0 : 0.0}}});
 }
 
 }  // namespace mrkit::commands

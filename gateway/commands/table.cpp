@@ -6,8 +6,11 @@ namespace mrkit::commands {
 
 const std::vector<Command>& command_table() {
     static const std::vector<Command> table = {
-        {"sense", "[img, status] = mrkit('sense', folded, sens, fullSize, Name, Value...)", 3,
-         kManyInputs, 2, sense, true},
+        {"sense", "[img, status, info] = mrkit('sense', folded, sens, fullSize, Name, Value...)",
+         3, kManyInputs, 3, sense, true},
+        {"coilmaps", "S = mrkit('coilmaps', kspace, calibSize, Name, Value...)", 2, kManyInputs, 1,
+         coilmaps, true},
+        {"noisecov", "psi = mrkit('noisecov', samples, coilDim)", 2, 2, 1, noisecov, true},
         {"sos", "y = mrkit('sos', x, coilDim)", 2, 2, 1, sos, true},
         {"pcsos", "y = mrkit('pcsos', x, coilDim)", 2, 2, 1, pcsos, true},
         {"fftshift", "y = mrkit('fftshift', x, dim)", 2, 2, 1, fftshift, true},

@@ -20,6 +20,9 @@ void unwarp(Call& call);
 void gradfile(Call& call);
 // sense.cpp
 void sense(Call& call);
+// calibration.cpp
+void coilmaps(Call& call);
+void noisecov(Call& call);
 // layer.cpp: the library's and the command's time of this thread's last call, for
 // bench/bench_gateway.m
 void spans(Call& call);

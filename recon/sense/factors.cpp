@@ -20,6 +20,7 @@
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
 #include "recon/sense/products.hpp"
+#include "recon/sense/validity.hpp"
 
 namespace {
 
@@ -153,7 +154,10 @@ struct Problem {
     std::atomic<int>& status;
 };
 
-// One worker's scratch, reused for every voxel it solves.
+using mrkit::sense::Validity;
+
+// One worker's scratch, reused for every voxel it solves, with the validity rule fixed.
+template <Validity Rule>
 class Worker {
   public:
     Worker(const Problem& p, int slots, int tile)
@@ -182,12 +186,16 @@ class Worker {
                     return;
                 }
         // Only coil 0's real map decides, and only where an imaginary map exists.
-        if (p_.sensIm)
+        if (Rule == Validity::Column && p_.sensIm)
             for (int x = x0; x < x1; ++x)
                 for (int j = 0; j < n; ++j) {
                     const Line::Position q = position(x, ys, zs, j);
                     if (p_.sensRe[q.index] != 0.0f) valid[(x - x0) * slots_ + j] = 1;
                 }
+        if (Rule == Validity::Voxel)
+            for (int x = x0; x < x1; ++x)
+                for (int j = 0; j < n; ++j)
+                    valid[(x - x0) * slots_ + j] = seen(position(x, ys, zs, j).index);
         for (int j = 0; j < n; ++j) {
             bool used = false;
             for (int x = x0; x < x1; ++x) used = used || valid[(x - x0) * slots_ + j];
@@ -219,6 +227,17 @@ class Worker {
     }
 
   private:
+    // Whether some coil's map is non-zero (or not a number) at map index i, as far as the maps
+    // reach.
+    bool seen(int i) const {
+        for (int c = 0; c < p_.coils; ++c) {
+            const long at = i + static_cast<long>(c) * p_.nVox;
+            if (at >= p_.nTot) break;
+            if (p_.sensRe[at] != 0.0f || p_.sensIm[at] != 0.0f) return true;
+        }
+        return false;
+    }
+
     // Solves for the first K columns of S and stores U packed by the voxel's own slot count n.
     // Flags left set by earlier voxels past the slots visited here have no row and store 0.
     void store(int K, int n, const int* valid, std::complex<double>* out) {
@@ -333,6 +352,7 @@ class Worker {
         const float fx = static_cast<float>(x);
         const int nx = p_.nx, ny = p_.ny;
         int j = 0, K = 0;
+        if (Rule == Validity::Voxel) std::fill(valid, valid + ys.count * zs.count, 0);
         for (int iy = 0; iy < ys.count; ++iy) {
             for (int iz = 0; iz < zs.count; ++iz) {
                 const int i = x + nx * (ys.line[iy] + ny * zs.line[iz]);
@@ -341,7 +361,8 @@ class Worker {
                     continue;
                 }
                 // Only coil 0's real map decides, and only where an imaginary map exists.
-                if (p_.sensIm && p_.sensRe[i] != 0.0f) valid[j] = 1;
+                if (Rule == Validity::Column && p_.sensIm && p_.sensRe[i] != 0.0f) valid[j] = 1;
+                if (Rule == Validity::Voxel) valid[j] = seen(i);
                 if (valid[j] == 0) {
                     ++j;
                     continue;
@@ -428,17 +449,25 @@ int find_edges(Eigen::VectorXf current, Eigen::VectorXf previous, int count, int
     return 0;
 }
 
-int get_combination_factors(const float* sensRe, const float* sensIm,
-                            const Eigen::VectorXi& sensDims, const Eigen::MatrixXcd& noiseCov,
-                            const Eigen::Vector3f& R, double lambda,
-                            const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
-                            Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims,
-                            float* yCompartments, float* zCompartments) {
+namespace mrkit::sense {
+
+template <Validity Rule>
+int combination_factors(const float* sensRe, const float* sensIm, const Eigen::VectorXi& sensDims,
+                        const Eigen::MatrixXcd& noiseCov, const Eigen::Vector3f& R, double lambda,
+                        const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
+                        Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims,
+                        float* yCompartments, float* zCompartments) {
     const int nx = sensDims[0], ny = sensDims[1], nz = sensDims[2], coils = sensDims[3];
     const int nYf = static_cast<int>(ceilf(static_cast<float>(ny) / R[1]));
     const int nZf = static_cast<int>(ceilf(static_cast<float>(nz) / R[2]));
     const int nVox = nx * ny * nz;
     const int nTot = sensDims.prod();
+    // Real maps under the per-voxel rule: their imaginary parts are zeros.
+    std::vector<float> zeros;
+    if (Rule == Validity::Voxel && !sensIm) {
+        zeros.assign(static_cast<size_t>(nTot), 0.0f);
+        sensIm = zeros.data();
+    }
 
     // The lists hold ceil(R) entries; an image folded more strongly than R would overrun them,
     // so they are sized for that too.
@@ -469,7 +498,7 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;
         constexpr int kTile = 32;
-        Worker worker(problem, slots, kTile);
+        Worker<Rule> worker(problem, slots, kTile);
         // Columns go a tile at a time with x innermost, so maps are read and factors written
         // along rows; each column of the tile keeps its own validity flags.
         std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
@@ -512,4 +541,42 @@ int get_combination_factors(const float* sensRe, const float* sensIm,
     if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);
     if (zCompartments[1] < zCompartments[0]) std::swap(zCompartments[0], zCompartments[1]);
     return status.load();
+}
+
+template int combination_factors<Validity::Column>(const float*, const float*,
+                                                   const Eigen::VectorXi&, const Eigen::MatrixXcd&,
+                                                   const Eigen::Vector3f&, double,
+                                                   const Eigen::VectorXf&, Eigen::VectorXcd&,
+                                                   Eigen::VectorXi&, Eigen::VectorXi, float*,
+                                                   float*);
+template int combination_factors<Validity::Voxel>(const float*, const float*,
+                                                  const Eigen::VectorXi&, const Eigen::MatrixXcd&,
+                                                  const Eigen::Vector3f&, double,
+                                                  const Eigen::VectorXf&, Eigen::VectorXcd&,
+                                                  Eigen::VectorXi&, Eigen::VectorXi, float*,
+                                                  float*);
+
+}  // namespace mrkit::sense
+
+int get_combination_factors(const float* sensRe, const float* sensIm,
+                            const Eigen::VectorXi& sensDims, const Eigen::MatrixXcd& noiseCov,
+                            const Eigen::Vector3f& R, double lambda,
+                            const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
+                            Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims,
+                            float* yCompartments, float* zCompartments) {
+    return mrkit::sense::combination_factors<mrkit::sense::Validity::Column>(
+        sensRe, sensIm, sensDims, noiseCov, R, lambda, regImage, factors, foldedDims, fullDims,
+        yCompartments, zCompartments);
+}
+
+int get_combination_factors_voxelwise(const float* sensRe, const float* sensIm,
+                                      const Eigen::VectorXi& sensDims,
+                                      const Eigen::MatrixXcd& noiseCov, const Eigen::Vector3f& R,
+                                      double lambda, const Eigen::VectorXf& regImage,
+                                      Eigen::VectorXcd& factors, Eigen::VectorXi& foldedDims,
+                                      Eigen::VectorXi fullDims, float* yCompartments,
+                                      float* zCompartments) {
+    return mrkit::sense::combination_factors<mrkit::sense::Validity::Voxel>(
+        sensRe, sensIm, sensDims, noiseCov, R, lambda, regImage, factors, foldedDims, fullDims,
+        yCompartments, zCompartments);
 }

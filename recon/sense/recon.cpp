@@ -1,5 +1,7 @@
 // SENSE reconstruction over all higher dimensions: the combination factors are computed once
-// per sensitivity set (folded dimension 8) and applied to every folded volume of that set.
+// per sensitivity set (folded dimension 8) and applied to every folded volume of that set. Two
+// entries share the walk: MR_sense_recon (the reference validity rule, skipped voxels count as
+// success) and MR_sense_recon_voxelwise (each voxel's positions judged afresh, skips reported).
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -7,6 +9,7 @@
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/unfold_volumes.hpp"
+#include "recon/sense/validity.hpp"
 
 namespace {
 
@@ -25,15 +28,19 @@ Eigen::VectorXi view7(const Eigen::VectorXi& head, const Eigen::VectorXi& folded
     return v;
 }
 
-}  // namespace
+using mrkit::sense::Validity;
 
-int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims,
-                   const int* foldedDims, const float* sensRe, const float* sensIm, int nSensDims,
-                   const int* sensDims, const float* noiseRe, const float* noiseIm,
-                   int /*nNoiseDims*/, const int* noiseDims, const int* fullDims,
-                   const float* refRe, const float* refIm, int nRefDims, const int* refDims,
-                   const float* regRe, const float* regIm, int nRegDims, const int* regDims,
-                   double regScale, float* outRe, float* outIm, const int* outDims) {
+template <Validity Rule>
+int sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims,
+                const int* foldedDims, const float* sensRe, const float* sensIm, int nSensDims,
+                const int* sensDims, const float* noiseRe, const float* noiseIm,
+                const int* noiseDims, const int* fullDims, const float* refRe, const float* refIm,
+                int nRefDims, const int* refDims, const float* regRe, const float* regIm,
+                int nRegDims, const int* regDims, double regScale, float* outRe, float* outIm,
+                const int* outDims) {
+    // The reference walk reports a skipped voxel or map position as success.
+    constexpr bool reportSkips = Rule == Validity::Voxel;
+    int skipped = 0;
     const int rows = noiseDims[0], cols = noiseDims[1];
     Eigen::MatrixXcd noiseCov = Eigen::MatrixXcd::Identity(rows, cols);
     if (noiseRe)
@@ -102,10 +109,11 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
         }
         float yCompartments[2] = {-1.0f, -1.0f}, zCompartments[2] = {-1.0f, -1.0f};
         const int s = l * sensBlock;
-        if (get_combination_factors(sensRe + s, sensIm ? sensIm + s : nullptr, sensDims4, noiseCov,
-                                    R, lambda, regImage, factors, foldedDims4, full3, yCompartments,
-                                    zCompartments) == 0)
-            return -1;
+        const int factorStatus = mrkit::sense::combination_factors<Rule>(
+            sensRe + s, sensIm ? sensIm + s : nullptr, sensDims4, noiseCov, R, lambda, regImage,
+            factors, foldedDims4, full3, yCompartments, zCompartments);
+        if (factorStatus == 0) return -1;
+        skipped |= factorStatus == -1;
 
         // The volumes of this set up to the first offset outside the arrays, which ends the
         // reconstruction after those before it are unfolded.
@@ -129,14 +137,43 @@ int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims
         // output sample; otherwise one after the other, so that the later volume's values stay.
         // Skipped voxels (-1) still count as success.
         if (volumes.size() <= 1 || volumeStride >= fullVolume) {
-            mrkit::sense::unfold_volumes(volumes, foldedDims4, factors, factorDims, full3,
-                                         yCompartments, zCompartments);
+            skipped |= mrkit::sense::unfold_volumes(volumes, foldedDims4, factors, factorDims,
+                                                    full3, yCompartments, zCompartments) == -1;
         } else {
             for (const mrkit::sense::Volume& v : volumes)
-                mrkit::sense::unfold_volumes({v}, foldedDims4, factors, factorDims, full3,
-                                             yCompartments, zCompartments);
+                skipped |= mrkit::sense::unfold_volumes({v}, foldedDims4, factors, factorDims,
+                                                        full3, yCompartments, zCompartments) == -1;
         }
         if (outside) return -1;
     }
-    return 1;
+    return reportSkips && skipped ? -1 : 1;
+}
+
+}  // namespace
+
+int MR_sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims,
+                   const int* foldedDims, const float* sensRe, const float* sensIm, int nSensDims,
+                   const int* sensDims, const float* noiseRe, const float* noiseIm,
+                   int /*nNoiseDims*/, const int* noiseDims, const int* fullDims,
+                   const float* refRe, const float* refIm, int nRefDims, const int* refDims,
+                   const float* regRe, const float* regIm, int nRegDims, const int* regDims,
+                   double regScale, float* outRe, float* outIm, const int* outDims) {
+    return sense_recon<Validity::Column>(foldedRe, foldedIm, nFoldedDims, foldedDims, sensRe,
+                                         sensIm, nSensDims, sensDims, noiseRe, noiseIm, noiseDims,
+                                         fullDims, refRe, refIm, nRefDims, refDims, regRe, regIm,
+                                         nRegDims, regDims, regScale, outRe, outIm, outDims);
+}
+
+int MR_sense_recon_voxelwise(const float* foldedRe, const float* foldedIm, int nFoldedDims,
+                             const int* foldedDims, const float* sensRe, const float* sensIm,
+                             int nSensDims, const int* sensDims, const float* noiseRe,
+                             const float* noiseIm, int /*nNoiseDims*/, const int* noiseDims,
+                             const int* fullDims, const float* refRe, const float* refIm,
+                             int nRefDims, const int* refDims, const float* regRe,
+                             const float* regIm, int nRegDims, const int* regDims,
+                             double regScale, float* outRe, float* outIm, const int* outDims) {
+    return sense_recon<Validity::Voxel>(foldedRe, foldedIm, nFoldedDims, foldedDims, sensRe,
+                                        sensIm, nSensDims, sensDims, noiseRe, noiseIm, noiseDims,
+                                        fullDims, refRe, refIm, nRefDims, refDims, regRe, regIm,
+                                        nRegDims, regDims, regScale, outRe, outIm, outDims);
 }

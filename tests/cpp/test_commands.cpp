@@ -3,6 +3,7 @@
 // command and size.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -244,4 +245,47 @@ TEST(Commands, MemoryRefusalsNameCommandAndSize) {
                  "mrkit:sense: not enough memory for the combination factors at this fullSize "
                  "(122 MB)");
     EXPECT_EQ(f.requests + s.requests, 0);
+}
+
+// 'sense' with maps that are zero outside an ellipse: 'validity', 'exact' gives MR_sense_recon's
+// bits, NaN included, and the default those of MR_sense_recon_voxelwise; the status tells which
+// output holds samples not finite.
+TEST(Commands, SenseValidityRules) {
+    const int nx = 12, ny = 16, fy = 8, coils = 4;
+    std::vector<float> sRe(nx * ny * coils), sIm(sRe.size()), fRe(nx * fy * coils), fIm(fRe.size());
+    for (int c = 0; c < coils; ++c)
+        for (int y = 0; y < ny; ++y)
+            for (int x = 0; x < nx; ++x) {
+                const float u = (x - 5.5f) / 5.f, v = (y - 7.5f) / 7.f;
+                const bool inside = u * u + v * v <= 1.f;
+                const int i = x + nx * (y + ny * c);
+                sRe[i] = inside ? 1.f + 0.1f * c + 0.05f * x : 0.f;
+                sIm[i] = inside ? 0.2f * std::sin(0.3f * (c + 1) * y) : 0.f;
+                // An object filling the ellipse, folded onto fy lines.
+                const int o = x + nx * ((y + fy - (ny - fy + 1) / 2) % fy + fy * c);
+                fRe[o] += sRe[i];
+                fIm[o] += sIm[i];
+            }
+    const ArrayInput folded({nx, fy, 1, coils}, fRe, fIm), sens({nx, ny, 1, coils}, sRe, sIm);
+    const cmd::NumberInput full({double(nx), double(ny)});
+    const cmd::TextInput validity("validity"), exact("exact");
+    const int fd[4] = {nx, fy, 1, coils}, sd[4] = {nx, ny, 1, coils}, full3[3] = {nx, ny, 1};
+    const int eye[2] = {coils, coils}, od[4] = {nx, ny, 1, 1};
+    for (const bool reference : {true, false}) {
+        PlainHost host;
+        if (reference)
+            cmd::run("sense", {&folded, &sens, &full, &validity, &exact}, host);
+        else
+            cmd::run("sense", {&folded, &sens, &full}, host);
+        std::vector<float> re(nx * ny, 0.f), im(nx * ny, 0.f);
+        (reference ? MR_sense_recon : MR_sense_recon_voxelwise)(
+            fRe.data(), fIm.data(), 4, fd, sRe.data(), sIm.data(), 4, sd, nullptr, nullptr, 2,
+            eye, full3, nullptr, nullptr, 0, nullptr, nullptr, nullptr, 0, nullptr, 1.0,
+            re.data(), im.data(), od);
+        EXPECT_EQ(std::memcmp(re.data(), host.outputs[0].re.data(), re.size() * 4), 0);
+        EXPECT_EQ(std::memcmp(im.data(), host.outputs[0].im.data(), im.size() * 4), 0);
+        const bool finite = std::all_of(re.begin(), re.end(), [](float v) { return std::isfinite(v); });
+        EXPECT_EQ(finite, !reference);
+        EXPECT_EQ(host.outputs[1].values[0], reference ? 0.0 : 1.0);
+    }
 }

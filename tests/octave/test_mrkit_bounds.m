@@ -98,12 +98,12 @@
 %!test
 %! % Names of any length are shown whole.
 %! name = repmat("a", 1, 64);
-%! valid = "valid commands: sense, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp, unwarp, gradfile";
+%! valid = "valid commands: sense, coilmaps, noisecov, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp, unwarp, gradfile";
 %! expect_error(["mrkit: unknown command '" name "'; " valid], name, single(1));
 %! option = repmat("Noise", 1, 40);
 %! f = complex(ones(4, 2, 1, 3, "single"));
 %! s = complex(ones(4, 4, 1, 3, "single"));
-%! expect_error(["mrkit:sense: unknown option '" option "'; valid options: noise, reference, regularization, regScale"], ...
+%! expect_error(["mrkit:sense: unknown option '" option "'; valid options: noise, reference, regularization, regScale, validity"], ...
 %!              "sense", f, s, [4 4], option, 1);
 
 %!test

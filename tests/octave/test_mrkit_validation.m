@@ -33,7 +33,7 @@
 %!endfunction
 
 %!shared valid
-%! valid = "valid commands: sense, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp, unwarp, gradfile";
+%! valid = "valid commands: sense, coilmaps, noisecov, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp, unwarp, gradfile";
 
 %!test
 %! % The command string.
@@ -47,7 +47,7 @@
 %! % Every command named in the unknown-command error has a help entry with an example.
 %! [~, list] = strtok(valid, ":");
 %! commands = strtrim(strsplit(list(2:end), ","));
-%! assert(numel(commands), 10);
+%! assert(numel(commands), 12);
 %! % Octave shows a MEX file's help from the .m file beside it, as installed.
 %! dir = tempname();
 %! mkdir(dir);
@@ -76,7 +76,7 @@
 %! expect_error("mrkit:sos: wrong number of inputs; usage: y = mrkit('sos', x, coilDim)", "sos");
 %! expect_error("mrkit:pcsos: wrong number of inputs; usage: y = mrkit('pcsos', x, coilDim)", "pcsos", x, 1, 1);
 %! expect_error("mrkit:gradwarp: wrong number of inputs; usage: [xo, yo, zo] = mrkit('gradwarp', x, y, z, coefSin, coefCos, coefZ, r0)", "gradwarp", x, x, x);
-%! expect_error("mrkit:sense: wrong number of inputs; usage: [img, status] = mrkit('sense', folded, sens, fullSize, Name, Value...)", "sense", x, x);
+%! expect_error("mrkit:sense: wrong number of inputs; usage: [img, status, info] = mrkit('sense', folded, sens, fullSize, Name, Value...)", "sense", x, x);
 %! try
 %!   [a, b] = mrkit("sos", x, 1);
 %!   error("no error");
@@ -84,10 +84,10 @@
 %!   assert(err.message, "mrkit:sos: too many outputs; usage: y = mrkit('sos', x, coilDim)");
 %! end
 %! try
-%!   [a, b, c] = mrkit("sense", x, x, [1 4]);
+%!   [a, b, c, d] = mrkit("sense", x, x, [1 4]);
 %!   error("no error");
 %! catch err
-%!   assert(err.message, "mrkit:sense: too many outputs; usage: [img, status] = mrkit('sense', folded, sens, fullSize, Name, Value...)");
+%!   assert(err.message, "mrkit:sense: too many outputs; usage: [img, status, info] = mrkit('sense', folded, sens, fullSize, Name, Value...)");
 %! end
 
 %!test
@@ -192,7 +192,7 @@
 %! expect_error("mrkit:sense: sensitivities are too large for 32-bit indices at this reduction factor", "sense", ones(1, 1, 1, 4, "single"), ones(1, 1, 1, 4, "single"), [1 2^30]);
 %! expect_error("mrkit:sense: options must come in name-value pairs", "sense", f, s, n, "noise");
 %! expect_error("mrkit:sense: option names must be strings", "sense", f, s, n, 1, 2);
-%! expect_error("mrkit:sense: unknown option 'nois'; valid options: noise, reference, regularization, regScale", "sense", f, s, n, "nois", 1);
+%! expect_error("mrkit:sense: unknown option 'nois'; valid options: noise, reference, regularization, regScale, validity", "sense", f, s, n, "nois", 1);
 %! expect_error("mrkit:sense: noise must be single", "sense", f, s, n, "noise", eye(3));
 %! expect_error("mrkit:sense: noise must be a coils x coils matrix (3x3)", "sense", f, s, n, "noise", eye(2, "single"));
 %! expect_error("mrkit:sense: noise must have at most 2 dimensions", "sense", f, s, n, "noise", ones(3, 3, 2, "single"));

@@ -171,15 +171,16 @@ struct Extras {
     double regScale = 1.0;
 };
 
-// MR_sense_recon with the sizes taken from the blocks. `maps` may hold several sensitivity
-// sets one after another; its dims describe one set.
+// MR_sense_recon (or another entry with its inputs) with the sizes taken from the blocks. `maps`
+// may hold several sensitivity sets one after another; its dims describe one set.
+using SenseEntry = decltype(&MR_sense_recon);
 inline int reconstruct(const Split& folded, const Split& maps, std::array<int, 3> full, Split& out,
-                       const Extras& e = {}) {
+                       const Extras& e = {}, SenseEntry entry = &MR_sense_recon) {
     const int nd = static_cast<int>(folded.dims.size());
     const auto dims = [](const Split* s) { return s ? s->dims.data() : nullptr; };
     const auto count = [](const Split* s) { return s ? static_cast<int>(s->dims.size()) : 0; };
     const int identity[2] = {maps.dims[3], maps.dims[3]};  // size of the identity covariance
-    return MR_sense_recon(
+    return entry(
         folded.re.data(), folded.im.data(), nd, folded.dims.data(), maps.re.data(), maps.im.data(),
         static_cast<int>(maps.dims.size()), maps.dims.data(),
         e.noise ? e.noise->re.data() : nullptr, e.noise ? e.noise->im.data() : nullptr, 2,

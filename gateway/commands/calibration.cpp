@@ -1,0 +1,138 @@
+// What SENSE needs, estimated from the data: coil maps from a fully sampled k-space centre and
+// the coil noise covariance from noise-only samples.
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "gateway/commands/call.hpp"
+#include "gateway/commands/table.hpp"
+#include "recon/recon.hpp"
+
+namespace mrkit::commands {
+namespace {
+
+std::string lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+struct MapOptions {
+    float threshold = 0.05f;  // 0 keeps the maps unmasked
+    std::vector<int> window;  // empty: 5 along x and y, 3 along z
+};
+
+MapOptions map_options(Call& call) {
+    if ((call.inputs() - 2) % 2 != 0) call.fail("options must come in name-value pairs");
+    MapOptions o;
+    for (int i = 2; i < call.inputs(); i += 2) {
+        if (call.in(i).element_class() != ElementClass::Char)
+            call.fail(ErrorKind::Type, "option names must be strings");
+        const std::string text = call.in(i).text();
+        const std::string name = lower(text);
+        const Input& value = call.in(i + 1);
+        if (name == "threshold") {
+            const double t = finite_scalar(call, value, "threshold");
+            if (t < 0 || t >= 1) call.fail("threshold must be at least 0 and below 1");
+            o.threshold = static_cast<float>(t);
+        } else if (name == "window") {
+            o.window = integers(call, value, "window", 1, 3, 1, 99);
+            for (int w : o.window)
+                if (w % 2 == 0) call.fail("window must hold odd sizes (a voxel and its neighbours)");
+        } else {
+            call.fail("unknown option '" + text + "'; valid options: threshold, window");
+        }
+    }
+    return o;
+}
+
+}  // namespace
+
+void coilmaps(Call& call) {
+    Floats k = single_shape(call, call.in(0), "kspace", Complexity::Any, 4);
+    const std::vector<int> dims = k.padded(4);
+    if (k.numel == 0) call.fail("kspace must not be empty");
+    std::vector<int> calib = integers(call, call.in(1), "calibSize", 2, 3, 1, kMaxIndex);
+    if (calib.size() == 2) {
+        if (dims[2] > 1) call.fail("calibSize must have 3 entries for 3-D k-space");
+        calib.push_back(1);
+    }
+    for (int d = 0; d < 3; ++d)
+        if (calib[d] > dims[d]) {
+            const std::string i = std::to_string(d + 1);
+            call.fail("calibSize(" + i + ") must not exceed size(kspace, " + i + ") (" +
+                      std::to_string(dims[d]) + ")");
+        }
+    MapOptions o = map_options(call);
+    std::vector<int> window = o.window;
+    if (window.empty()) window = {5, 5, 3};
+    if (window.size() == 1) window = {window[0], window[0], window[0]};
+    if (window.size() == 2) window.push_back(window[1]);
+    for (int d = 0; d < 3; ++d) window[d] = std::min(window[d], 2 * dims[d] - 1);
+    // Low-resolution images in double: a calibration block, a plane and the images per thread.
+    const uint64_t voxels = static_cast<uint64_t>(dims[0]) * dims[1] * dims[2];
+    call.need(16 * (static_cast<uint64_t>(dims[0]) * calib[1] * calib[2] +
+                    static_cast<uint64_t>(dims[0]) * dims[1] * (calib[2] + 1)) *
+                      2 +
+                  8 * voxels * dims[3] + 4 * voxels,
+              "the low-resolution coil images");
+    load(call, k);
+
+    // The block must hold data: a line of zeros inside it means the centre was not fully
+    // sampled that wide, and maps from it would be blurred by the gap.
+    const int x0 = dims[0] / 2 - calib[0] / 2, y0 = dims[1] / 2 - calib[1] / 2,
+              z0 = dims[2] / 2 - calib[2] / 2;
+    int emptyLines = 0;
+    bool finite = true;
+    for (int z = z0; z < z0 + calib[2]; ++z)
+        for (int y = y0; y < y0 + calib[1]; ++y) {
+            bool any = false;
+            for (int c = 0; c < dims[3]; ++c)
+                for (int x = x0; x < x0 + calib[0]; ++x) {
+                    const int64_t i = x + static_cast<int64_t>(dims[0]) *
+                                              (y + static_cast<int64_t>(dims[1]) *
+                                                       (z + static_cast<int64_t>(dims[2]) * c));
+                    const float re = k.re[i], im = k.im ? k.im[i] : 0.0f;
+                    any = any || re != 0.0f || im != 0.0f;
+                    finite = finite && std::isfinite(re) && std::isfinite(im);
+                }
+            emptyLines += !any;
+        }
+    if (!finite) call.fail("kspace must be finite in its calibration block");
+    if (emptyLines == calib[1] * calib[2]) call.fail("kspace is zero in its calibration block");
+    if (emptyLines > 0)
+        call.warn(std::to_string(emptyLines) +
+                  " lines of the calibration block are zero; calibSize is larger than the fully "
+                  "sampled centre");
+
+    const Blocks<float> maps = call.new_single(0, dims, true, Fill::None);
+    const int mapDims[4] = {dims[0], dims[1], dims[2], dims[3]};
+    call.library([&] {
+        return MR_coil_maps(k.re, k.im, mapDims, calib.data(), window.data(), o.threshold, maps.re,
+                            maps.im);
+    });
+}
+
+void noisecov(Call& call) {
+    Floats x = single_shape(call, call.in(0), "samples", Complexity::Any, kAnyRank);
+    const int coilDim = dimension(call, call.in(1), "coilDim", x.rank());
+    const int coils = x.dim(coilDim - 1);
+    const int64_t perCoil = coils > 0 ? x.numel / coils : 0;
+    if (coils == 0) call.fail("samples must hold at least one coil along coilDim");
+    if (perCoil < coils)
+        call.fail("samples must hold at least as many samples per coil as coils (" +
+                  std::to_string(coils) + "), or the covariance is singular");
+    load(call, x);
+    const Blocks<float> psi = call.new_single(0, {coils, coils}, true, Fill::None);
+    const std::vector<int> dims = x.padded(x.rank());
+    call.library([&] {
+        MR_noise_covariance(x.re, x.im, x.rank(), dims.data(), coilDim, psi.re, psi.im);
+    });
+    bool finite = true;
+    for (int i = 0; i < coils * coils; ++i)
+        finite = finite && std::isfinite(psi.re[i]) && std::isfinite(psi.im[i]);
+    if (!finite) call.fail("samples must be finite (the covariance is not)");
+}
+
+}  // namespace mrkit::commands
