@@ -85,6 +85,7 @@ class MxInput final : public cmd::Input {
             case mxUINT32_CLASS: return widen<uint32_t>(p, out, n);
             case mxINT64_CLASS: return widen<int64_t>(p, out, n);
             case mxUINT64_CLASS: return widen<uint64_t>(p, out, n);
+            case mxLOGICAL_CLASS: return widen<mxLogical>(p, out, n);
             default: return;
         }
     }

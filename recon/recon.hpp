@@ -8,6 +8,8 @@
 
 #include <complex>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include <Eigen/Dense>
 
@@ -109,6 +111,56 @@ void realign_corr_coeffs(float* packedCos, float* packedSin, float* packedZ, int
 void MR_geometry_correction(const float* x, const float* y, const float* z, float* xOut,
                             float* yOut, float* zOut, int nPoints, const float (*coefSin)[12],
                             const float (*coefCos)[12], const float (*coefZ)[1], float r0);
+
+// ---------------------------------------------------------------------------------------------
+// Geometry: unwarping whole volumes.
+//
+// The input is a volume as the scanner reconstructed it (x-y-z, any further dimensions sharing
+// the geometry; im may be null) with its voxel-to-scanner affine: 4x4 row-major doubles taking
+// 0-based voxel indices (i, j, k, 1) to scanner coordinates in the unit of r0. For the output
+// voxel at true position p the encoded position e = MR_geometry_correction(p) is mapped back to
+// the input's voxel grid and sampled there; samples outside the volume count as 0. The output
+// lies on the input's grid. The series' linear part is taken out as MR_geometry_correction
+// itself tabulates it, so the displacement carries the higher terms only and the identity set
+// moves nothing. Positions are computed once per call for all further dimensions.
+//
+// interp: MR_UNWARP_LINEAR (trilinear) or MR_UNWARP_CUBIC (Catmull-Rom, 4x4x4 taps).
+// jacobian: scales every sample by |det| of the Jacobian of the mapping, from central
+//   differences of the sampling positions between neighbouring output voxels (one-sided at the
+//   faces), so that the intensity integral is kept.
+// warp: the opposite direction, true image to distorted: each output voxel is an encoded
+//   position whose true position is found by fixed-point iteration on the series, to 1e-4 of
+//   a voxel. Voxels where it does not converge are 0 (NaN in the displacement).
+// displacement: null, or 3 blocks of nx*ny*nz floats (x, y, z) with the scanner-space vector
+//   from each output voxel's position to the position it was sampled at.
+// Returns the number of voxels without a source position (always 0 when unwarping).
+constexpr int MR_UNWARP_LINEAR = 0;
+constexpr int MR_UNWARP_CUBIC = 1;
+int MR_unwarp(const float* re, const float* im, int ndims, const int* dims, const double* affine,
+              const float (*coefSin)[12], const float (*coefCos)[12], const float (*coefZ)[1],
+              float r0, int interp, bool jacobian, bool warp, float* outRe, float* outIm,
+              float* displacement);
+
+// Coefficient files as gradient vendors ship them: comment lines from '#', a line
+// "<r0> m = R0" and one line per term, "<no> A( n, m) <value> <axis>" (cosine) or B (sine),
+// axis x, y or z. The series takes the x coil's A terms (order >= 1) into coefCos, the y coil's
+// B terms (order >= 1) into coefSin and the z coil's A(n, 0) into coefZ; every other non-zero
+// term is listed in `dropped`. An axis without a linear term gets 1 there (its coefficients
+// are then read as already relative to it). Lines that start with a word and hold no term are
+// header settings and are skipped. r0 is returned as the file gives it (metres).
+// Returns false with `error` naming the file and line for a malformed line, a term beyond the
+// series (x, y: degree <= 13, order <= 11; z: degree <= 16), a repeated term, or no R0 line.
+struct MR_gradient_term {
+    int line;    // 1-based
+    char kind;   // 'A' or 'B'
+    int degree;  // n
+    int order;   // m
+    char axis;   // 'x', 'y' or 'z'
+    double value;
+};
+bool MR_read_gradient_file(const char* path, float (*coefSin)[12], float (*coefCos)[12],
+                           float (*coefZ)[1], float* r0, std::vector<MR_gradient_term>* dropped,
+                           std::string* error);
 
 // ---------------------------------------------------------------------------------------------
 // SENSE: fold geometry of one axis (0-based indices).

@@ -44,7 +44,8 @@ std::vector<int> Floats::padded(int n) const {
 
 Floats single_shape(Call& call, const Input& a, const std::string& name, Complexity complexity,
                     int maxRank) {
-    if (a.element_class() != ElementClass::Single) call.fail(ErrorKind::Type, name + " must be single");
+    if (a.element_class() != ElementClass::Single)
+        call.fail(ErrorKind::Type, name + " must be single");
     if (complexity == Complexity::Real && a.is_complex())
         call.fail(ErrorKind::Type, name + " must be real");
     const std::vector<std::int64_t> dims = shape(a);
@@ -71,7 +72,8 @@ void load(Call& call, Floats& f) {
         b = f.source->single_blocks();
     } catch (const std::bad_alloc&) {
         const std::uint64_t all = (f.complex ? 8 : 4) * static_cast<std::uint64_t>(f.numel);
-        call.fail(ErrorKind::Memory, "not enough memory for " + what + " (" + bytes_text(all) + ")");
+        call.fail(ErrorKind::Memory,
+                  "not enough memory for " + what + " (" + bytes_text(all) + ")");
     }
     f.re = b.re;
     f.im = f.complex ? b.im : nullptr;
@@ -115,9 +117,8 @@ std::string single_range_text() {
     return " must be at most 3.4e38 in magnitude (single precision)";
 }
 
-std::vector<int> integers(Call& call, const Input& a, const std::string& name,
-                          std::size_t minCount, std::size_t maxCount, std::int64_t lo,
-                          std::int64_t hi) {
+std::vector<int> integers(Call& call, const Input& a, const std::string& name, std::size_t minCount,
+                          std::size_t maxCount, std::int64_t lo, std::int64_t hi) {
     std::vector<int> out;
     for (double x : finite_numbers(call, a, name, minCount, maxCount)) {
         if (x != std::floor(x) || x < static_cast<double>(lo) || x > static_cast<double>(hi)) {
@@ -128,6 +129,18 @@ std::vector<int> integers(Call& call, const Input& a, const std::string& name,
         out.push_back(static_cast<int>(x));
     }
     return out;
+}
+
+bool flag(Call& call, const Input& a, const std::string& name) {
+    const std::string message = name + " must be true or false";
+    const ElementClass c = a.element_class();
+    if ((c != ElementClass::Logical && !is_numeric(c)) || a.is_complex() || a.is_sparse())
+        call.fail(ErrorKind::Type, message);
+    if (a.numel() != 1) call.fail(message);
+    double v = 0;
+    a.read_doubles(&v, 1);
+    if (v != 0 && v != 1) call.fail(message);
+    return v == 1;
 }
 
 int dimension(Call& call, const Input& a, const std::string& name, int count) {

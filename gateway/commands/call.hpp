@@ -133,6 +133,8 @@ std::string single_range_text();
 std::vector<int> integers(Call& call, const Input& a, const std::string& name,
                           std::size_t minCount, std::size_t maxCount, std::int64_t lo,
                           std::int64_t hi);
+// true or false: a logical or numeric scalar of value 0 or 1.
+bool flag(Call& call, const Input& a, const std::string& name);
 // A dimension argument in the host's numbering, returned 1-based: 1..count.
 int dimension(Call& call, const Input& a, const std::string& name, int count);
 

@@ -71,7 +71,7 @@ class Input {
 
     // ElementClass::Single only, at most once per call. Blocks of numel() floats.
     virtual SingleBlocks single_blocks() const = 0;
-    // Real numeric classes only (not Logical, Char, Other; never sparse, which the layer
+    // Real numeric classes and Logical (0 or 1; not Char, Other; never sparse, which the layer
     // refuses): the first n <= numel() elements in column-major order, converted to double.
     virtual void read_doubles(double* out, std::int64_t n) const = 0;
     // ElementClass::Char only: the whole text.

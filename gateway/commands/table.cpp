@@ -17,8 +17,14 @@ const std::vector<Command>& command_table() {
         {"ifftshift", "y = mrkit('ifftshift', x, dim)", 2, 2, 1, ifftshift, true},
         {"zeropad", "y = mrkit('zeropad', x, newSize)", 2, 2, 1, zeropad, true},
         {"ringing", "y = mrkit('ringing', x, strength, width)", 3, 3, 1, ringing, true},
-        {"gradwarp", "[xo, yo, zo] = mrkit('gradwarp', x, y, z, coefSin, coefCos, coefZ, r0)", 7,
-         7, 3, gradwarp, true},
+        {"gradwarp", "[xo, yo, zo] = mrkit('gradwarp', x, y, z, coefSin, coefCos, coefZ, r0)", 7, 7,
+         3, gradwarp, true},
+        {"unwarp",
+         "[img, displacement] = mrkit('unwarp', vol, affine, coefSin, coefCos, coefZ, r0, Name, "
+         "Value...)",
+         6, kManyInputs, 2, unwarp, true},
+        {"gradfile", "[coefSin, coefCos, coefZ, r0, dropped] = mrkit('gradfile', path)", 1, 1, 5,
+         gradfile, true},
         {"-spans", "t = mrkit('-spans')", 0, 0, 1, spans, false},
     };
     return table;

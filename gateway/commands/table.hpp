@@ -16,6 +16,8 @@ void sos(Call& call);
 void pcsos(Call& call);
 // geometry.cpp
 void gradwarp(Call& call);
+void unwarp(Call& call);
+void gradfile(Call& call);
 // sense.cpp
 void sense(Call& call);
 // calibration.cpp

@@ -18,19 +18,10 @@ namespace {
 constexpr int kDegrees = 17;    // degrees 0..16 (z series); x and y stop at 13
 constexpr int kOrders = 12;     // orders 0..11
 constexpr int kDegreesXY = 14;  // rows 0..13 of the transverse coefficient matrices
-constexpr int kSamples = 10000;
+constexpr int kSamples = mrkit::geometry::kTableSamples;
 constexpr int kRow = kDegrees * kOrders;  // floats per table sample
 constexpr int kPacked = 204;
-constexpr float kStep = 0.00020002000383101404f;  // 2 / 9999 as the table builds it
-
-// Nearest table sample at or below c (truncation, no interpolation), kept in range. Clamping
-// in float before the conversion gives the same row as truncate-then-clamp for every c, and a
-// NaN lands on row 0 instead of an undefined conversion.
-int table_row(float c) {
-    const float q = (c + 1.0f) / kStep;
-    if (q >= static_cast<float>(kSamples - 1)) return kSamples - 1;
-    return q > 0.0f ? static_cast<int>(q) : 0;
-}
+using mrkit::geometry::table_row;
 
 // Points go through in small batches, and each batch is located (angles, radial powers, table
 // row) one batch ahead, so that its table rows are on their way into the cache while the batch
@@ -62,8 +53,7 @@ void locate(Located& b, const float* x, const float* y, const float* z, int coun
         getRadiusThetaPhi(x[p], y[p], z[p], sph);
         b.phi[j] = sph[2];
         const float c = std::cos(sph[1]);
-        const double cd = c;
-        if (cd <= -0.9 || cd >= 0.9) {
+        if (mrkit::geometry::table_is_direct(c)) {
             mrkit::geometry::legendre_block(kDegrees, kOrders, c, b.direct[j], kDegreesXY);
             b.row[j] = b.direct[j];
         } else {

@@ -36,4 +36,28 @@ inline float next_degree(int ll, int m, float x, float pm1, float pm2) {
 // were). Needs |x| <= 1.
 void legendre_block(int nDegrees, int nOrders, float x, float* out, int nDegreesAboveZero);
 
+// The geometry driver's Legendre table: 10000 samples of cos(theta) over [-1, 1], looked up at
+// the sample at or below the argument, and evaluated directly where |cos(theta)| >= 0.9.
+constexpr int kTableSamples = 10000;
+constexpr float kTableStep = 0.00020002000383101404f;  // 2 / 9999 as the table builds it
+
+inline bool table_is_direct(float c) {
+    const double cd = c;
+    return cd <= -0.9 || cd >= 0.9;
+}
+
+// Nearest table sample at or below c (truncation, no interpolation), kept in range. Clamping
+// in float before the conversion gives the same row as truncate-then-clamp for every c, and a
+// NaN lands on row 0 instead of an undefined conversion.
+inline int table_row(float c) {
+    const float q = (c + 1.0f) / kTableStep;
+    if (q >= static_cast<float>(kTableSamples - 1)) return kTableSamples - 1;
+    return q > 0.0f ? static_cast<int>(q) : 0;
+}
+
+// The argument table row s stands for, as create_plgndr_lookup forms it.
+inline float table_argument(int s) {
+    return static_cast<float>(s) * (2.0f / static_cast<float>(kTableSamples - 1)) - 1.0f;
+}
+
 }  // namespace mrkit::geometry

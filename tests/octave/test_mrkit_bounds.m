@@ -98,7 +98,7 @@
 %!test
 %! % Names of any length are shown whole.
 %! name = repmat("a", 1, 64);
-%! valid = "valid commands: sense, coilmaps, noisecov, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp";
+%! valid = "valid commands: sense, coilmaps, noisecov, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp, unwarp, gradfile";
 %! expect_error(["mrkit: unknown command '" name "'; " valid], name, single(1));
 %! option = repmat("Noise", 1, 40);
 %! f = complex(ones(4, 2, 1, 3, "single"));

@@ -33,7 +33,7 @@
 %!endfunction
 
 %!shared valid
-%! valid = "valid commands: sense, coilmaps, noisecov, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp";
+%! valid = "valid commands: sense, coilmaps, noisecov, sos, pcsos, fftshift, ifftshift, zeropad, ringing, gradwarp, unwarp, gradfile";
 
 %!test
 %! % The command string.
@@ -47,7 +47,7 @@
 %! % Every command named in the unknown-command error has a help entry with an example.
 %! [~, list] = strtok(valid, ":");
 %! commands = strtrim(strsplit(list(2:end), ","));
-%! assert(numel(commands), 10);
+%! assert(numel(commands), 12);
 %! % Octave shows a MEX file's help from the .m file beside it, as installed.
 %! dir = tempname();
 %! mkdir(dir);
