@@ -7,4 +7,4 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 mkdir -p "$root/out"
 cd "$root"
 octave-cli --norc --quiet --no-window-system --no-history --eval \
-  "addpath('$root/build/mex', '$root/gateway', '$root/examples'); mrkit_demo('$root/out');"
+  "addpath('$root/build/mex', '$root/examples'); mrkit_demo('$root/out');"

@@ -13,7 +13,8 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-set(expected include/recon/recon.hpp lib/cmake/mrkit/mrkitConfig.cmake share/mrkit/mex/mrkit.m)
+set(expected include/recon/recon.hpp lib/cmake/mrkit/mrkitConfig.cmake share/mrkit/mex/mrkit.m
+    share/mrkit/mex/homodyne.m share/mrkit/mex/homodyne_recon.m)
 if(EXPECT_MEX)
   list(APPEND expected share/mrkit/mex/homodyne.mex share/mrkit/mex/mrkit.mex)
 endif()
