@@ -8,7 +8,7 @@ function counts = fuzz_calls(seed, calls)
   randn("twister", seed);
   counts = [0 0 0];
   commands = {"filter", "multiply", "sense", "sos", "pcsos", "fftshift", "ifftshift", ...
-              "zeropad", "ringing", "gradwarp"};
+              "zeropad", "ringing", "gradwarp", "-spans"};
   for k = 1:calls
     cmd = commands{randi(numel(commands))};
     [args, nout] = valid_call(cmd);
@@ -85,7 +85,7 @@ function [args, nout] = valid_call(cmd)
       coils = randi([2 4]);
       nx = randi([3 8]);
       ny = randi([4 12]);
-      nyf = randi([ceil(ny / 3), ny]);
+      nyf = randi([ceil(ny / coils), ny]);  % no more aliased positions than coils
       folded = data([nx nyf 1 coils randi([1 2])], true);
       sens = data([nx ny 1 coils], rand() < 0.8);
       args = {"sense", folded, sens, [nx ny]};
@@ -115,6 +115,9 @@ function [args, nout] = valid_call(cmd)
     case "ringing"
       args = {cmd, data(sz, cplx), rand(1, 3) * 0.9, randi([1 8], 1, 3)};
       nout = 1;
+    case "-spans"  % the benchmark's timing of the last call
+      args = {cmd};
+      nout = 1;
     case "gradwarp"
       n = randi([1 20]);
       p = @() single(randn(1, n) * 100);
@@ -140,10 +143,13 @@ end
 % One argument (or the command, or the count) broken.
 function [args, nout] = mutate(module, args, nout)
   what = randi(10);
+  if (numel(args) < 2)
+    what = 6 + (rand() < 0.5);  % nothing to break but the counts
+  end
   if (what == 7 && strcmp(module, "homodyne"))
     what = 6;  % an output homodyne does not set is the host's complaint, not the module's
   end
-  i = randi([2 numel(args)]);
+  i = randi([min(2, numel(args)) numel(args)]);
   a = args{i};
   switch what
     case 1  % another class
@@ -184,7 +190,7 @@ function [args, nout] = mutate(module, args, nout)
         args{i} = bad(randi(numel(bad)));
       end
     case 6  % one argument too many or too few
-      if (rand() < 0.5)
+      if (rand() < 0.5 || numel(args) < 3)
         args{end + 1} = single(1);
       else
         args(end) = [];
@@ -244,7 +250,8 @@ function check_message(module, cmd, args, msg, seed, k)
     return;
   end
   if (! ischar(args{1}) || ! any(strcmp(args{1}, {"sense", "sos", "pcsos", "fftshift", ...
-                                                 "ifftshift", "zeropad", "ringing", "gradwarp"})))
+                                                 "ifftshift", "zeropad", "ringing", "gradwarp", ...
+                                                 "-spans"})))
     assert(strncmp(msg, "mrkit: ", 7), "%s: unknown command answered with: %s", where, msg);
     if (ischar(args{1}))
       assert(! isempty(strfind(msg, ["'" args{1} "'"])), "%s: command not shown whole: %s",
