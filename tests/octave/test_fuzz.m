@@ -3,17 +3,17 @@
 % own), inputs stay as they were. Fixed seeds, so a failure names a call that can be replayed.
 
 %!test
-%! counts = fuzz_calls(1, 100);
+%! counts = fuzz_calls(1, 75);
 %! assert(all(counts > 0));
 
 %!test
-%! counts = fuzz_calls(2, 100);
+%! counts = fuzz_calls(2, 75);
 %! assert(all(counts > 0));
 
 %!test
-%! counts = fuzz_calls(3, 100);
+%! counts = fuzz_calls(3, 75);
 %! assert(all(counts > 0));
 
 %!test
-%! counts = fuzz_calls(4, 100);
+%! counts = fuzz_calls(4, 75);
 %! assert(all(counts > 0));
