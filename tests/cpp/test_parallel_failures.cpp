@@ -228,11 +228,14 @@ TEST(ParallelFailures, NoScratchSizedByTheDimensionsOfAnEmptyArray) {
     EXPECT_LT(largest_during([&] { MR_ringing_filter(&none, &none, 3, wide, s, w); }), kMiB);
     EXPECT_LT(largest_during([&] { MR_ringing_filter(&none, nullptr, 2, wide, s, w); }), kMiB);
 
-    const int empty[2] = {1 << 29, 0};
-    EXPECT_LT(largest_during([&] {
-                  homodyne_multiply(&none, &none, &none, &none, 2, empty, empty, &none, nullptr);
-              }),
-              kMiB);
+    // Same sizes (no interpolation), and a small low-resolution image to interpolate from.
+    const int empty[2] = {1 << 29, 0}, low[2] = {4, 1};
+    for (const int* lowDims : {empty, low})
+        EXPECT_LT(largest_during([&] {
+                      homodyne_multiply(&none, &none, &none, &none, 2, empty, lowDims, &none,
+                                        nullptr);
+                  }),
+                  kMiB);
     int n[3];
     homodyne_volume_sizes(2, empty, n);
     EXPECT_EQ(homodyne_weight_count(n), 0u);

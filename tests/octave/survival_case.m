@@ -9,6 +9,8 @@ function survival_case(name)
       call = @() homodyne("multiply", empty, empty);
     case "homodyne_multiply_empty_copy"
       call = @() assert(size(homodyne("multiply", empty, empty)), [2^29 0]);
+    case "homodyne_multiply_empty_interpolated"  % sample positions along the empty array
+      call = @() homodyne("multiply", empty, ones(4, 1, "single"));
     case "homodyne_filter_empty"       % weights along an axis of an empty array
       call = @() homodyne("filter", zeros(1, 0, 2^29, "single"), [], [], [-10 100]);
     otherwise
