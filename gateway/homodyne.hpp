@@ -8,11 +8,14 @@
 // and pointers are trusted; callers validate at their own boundary.
 #pragma once
 
+#include <cstddef>
+
 // One-dimensional homodyne weighting of n centred k-space samples whose first and last sampled
 // coordinates are range[0] and range[1]: 0 up to the first sampled coordinate a, 1 - (k/a)^2
 // up to the centre, 1 + (k/a)^2 up to the mirror -a, 2 from there on. Returns 1 and writes
 // filter[0..n-1] and edges = (index of a, index of -a); returns 0 and touches nothing when the
 // range is rejected (its missing part is not on the low side, or it is nearly symmetric).
+// A null filter gives the edges alone.
 int calculate_filter(int n, const double* range, float* filter, int* edges);
 
 // The first three sizes of an ndims-dimensional array (1 where it has fewer) into n[3]; returns
@@ -21,9 +24,15 @@ int homodyne_volume_sizes(int ndims, const int* dims, int* n);
 
 // Weights and symmetric band of the three k-space axes for the sizes n[3]. ranges[d] is null
 // when that axis has no range. weights receives n[0] + n[1] + n[2] floats (x, then y, then z),
-// edges[d] the first and last index of the band. Returns how many axes were filtered.
+// edges[d] the first and last index of the band. Returns how many axes were filtered. For
+// data without elements weights may be null (homodyne_weight_count): the edges are found
+// without them.
 int homodyne_filter_setup(const int* n, const double* const* ranges, float* weights,
                           int (*edges)[2]);
+
+// Floats homodyne_filter_setup writes: n[0] + n[1] + n[2], or none when the data holds no
+// elements (an empty array may have one huge dimension).
+std::size_t homodyne_weight_count(const int* n);
 
 // Sizes of the band block: the band length for each of the first three dimensions, the data's
 // sizes from the fourth on.

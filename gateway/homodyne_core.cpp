@@ -93,10 +93,10 @@ void remove_phase_row(const float* re, const float* im, const float* lr, const f
 // Phase removal over all volumes, in parallel. lowRow(v, j, k, e, scratchRe, scratchIm, lr, li)
 // points lr, li (li only for complex low-resolution data) at the low-resolution values of the
 // data row (j, k) of volume v starting at flat index e, filling the thread's scratch rows when
-// it has to compute them.
+// it has to compute them (rows of nx floats only when `interpolating`).
 template <class LowRow>
-void remove_phase(const float* re, const float* im, bool lowComplex, const LowRow& lowRow,
-                  const int* n, int nvol, float* outRe, float* outIm) {
+void remove_phase(const float* re, const float* im, bool lowComplex, bool interpolating,
+                  const LowRow& lowRow, const int* n, int nvol, float* outRe, float* outIm) {
     const int nx = n[0], ny = n[1], nz = n[2];
     const auto row = [&](auto dataComplex, auto lowIsComplex, auto zeroIm, std::size_t e,
                          const float* lr, const float* li) {
@@ -105,9 +105,10 @@ void remove_phase(const float* re, const float* im, bool lowComplex, const LowRo
                                                             zeroIm ? outIm + e : nullptr);
     };
     mrkit::parallel_blocks(nvol, [&](int begin, int end) {
-        std::vector<float> scratchRe(nx), scratchIm(lowComplex ? nx : 0);
+        std::vector<float> scratchRe(interpolating ? nx : 0),
+            scratchIm(interpolating && lowComplex ? nx : 0);
         const std::size_t volume = static_cast<std::size_t>(nx) * ny * nz;
-        for (int v = begin; v < end; ++v) {
+        for (int v = begin; v < end && !mrkit::interrupted(); ++v) {
             for (int k = 0; k < nz; ++k) {
                 for (int j = 0; j < ny; ++j) {
                     const std::size_t e = v * volume + (static_cast<std::size_t>(k) * ny + j) * nx;
@@ -223,7 +224,7 @@ int calculate_filter(int n, const double* range, float* filter, int* edges) {
 
     const int pA = a - lo, pM = static_cast<int>(mirror - lo), pC = -lo;
     const int w = pM - pC;
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; filter && i < n; ++i) {
         float f = filter[i];
         if (i <= pA) f = 0.0f;
         if (i >= pM) f = 2.0f;
@@ -255,7 +256,7 @@ int homodyne_filter_setup(const int* n, const double* const* ranges, float* weig
                           int (*edges)[2]) {
     int count = 0;
     for (int d = 0; d < 3; ++d) {
-        std::fill(weights, weights + std::max(n[d], 0), 1.0f);
+        if (weights) std::fill(weights, weights + std::max(n[d], 0), 1.0f);
         edges[d][0] = 0;
         edges[d][1] = 0;
         const double* range = ranges[d];
@@ -265,9 +266,14 @@ int homodyne_filter_setup(const int* n, const double* const* ranges, float* weig
             count += calculate_filter(n[d], range, weights, edges[d]) != 0;
         else
             edges[d][1] = n[d] - 1;
-        weights += std::max(n[d], 0);
+        if (weights) weights += std::max(n[d], 0);
     }
     return count;
+}
+
+std::size_t homodyne_weight_count(const int* n) {
+    if (n[0] < 1 || n[1] < 1 || n[2] < 1) return 0;
+    return static_cast<std::size_t>(n[0]) + n[1] + n[2];
 }
 
 void homodyne_band_dims(int ndims, const int* dims, const int (*edges)[2], int* bandDims) {
@@ -315,7 +321,7 @@ void homodyne_weight(const float* re, const float* im, const int* n, int nvol, c
         mrkit::static_block(ny * nz, omp_get_thread_num(), omp_get_num_threads(), rowBegin, rowEnd);
         fill_weight_rows(fx, fy, fz, nx, ny, exponent, rowBegin, rowEnd, t);
 #pragma omp barrier
-        for (int v = begin; v < end; ++v) {
+        for (int v = begin; v < end && !mrkit::interrupted(); ++v) {
             const std::size_t offset = v * volume;
             scale(re + offset, im ? im + offset : nullptr, t, volume, outRe + offset,
                   im ? outIm + offset : nullptr);
@@ -335,7 +341,8 @@ void homodyne_multiply(const float* re, const float* im, const float* lowRe, con
     int n[3], l[3];
     const int nvol = homodyne_volume_sizes(ndims, dims, n);
     homodyne_volume_sizes(ndims, lowDims, l);
-    if (nvol < 1) return;
+    // Scratch and positions are sized by the axes: none for data without elements.
+    if (nvol < 1 || n[0] < 1 || n[1] < 1 || n[2] < 1) return;
     const bool lowComplex = lowIm != nullptr;
     if (std::equal(dims, dims + ndims, lowDims)) {
         const auto lowRow = [&](int, int, int, std::size_t e, float*, float*, const float*& lr,
@@ -343,7 +350,7 @@ void homodyne_multiply(const float* re, const float* im, const float* lowRe, con
             lr = lowRe + e;
             if (lowComplex) li = lowIm + e;
         };
-        remove_phase(re, im, lowComplex, lowRow, n, nvol, outRe, outIm);
+        remove_phase(re, im, lowComplex, false, lowRow, n, nvol, outRe, outIm);
         return;
     }
     // Positions of the data samples in low-resolution sample units (both grids share their
@@ -381,5 +388,5 @@ void homodyne_multiply(const float* re, const float* im, const float* lowRe, con
             li = scratchIm;
         }
     };
-    remove_phase(re, im, lowComplex, lowRow, n, nvol, outRe, outIm);
+    remove_phase(re, im, lowComplex, true, lowRow, n, nvol, outRe, outIm);
 }

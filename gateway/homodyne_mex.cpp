@@ -80,9 +80,10 @@ void ApplyHomodyneFilter(int nlhs, mxArray** plhs, int nrhs, const mxArray** prh
     const int ndims = static_cast<int>(dims.size());
     int n[3];
     const int nvol = homodyne_volume_sizes(ndims, dims.data(), n);
-    std::vector<float> weights(static_cast<std::size_t>(n[0]) + n[1] + n[2]);
+    std::vector<float> weights(homodyne_weight_count(n));
     int edges[3][2];
-    const int count = homodyne_filter_setup(n, rangeValues, weights.data(), edges);
+    const int count =
+        homodyne_filter_setup(n, rangeValues, weights.empty() ? nullptr : weights.data(), edges);
     std::vector<int> bandDims(ndims);
     homodyne_band_dims(ndims, dims.data(), edges, bandDims.data());
 

@@ -10,9 +10,21 @@
 #include "gateway/commands/layer.hpp"
 #include "mex.h"
 
+#ifdef MRKIT_MATLAB_UT
+extern "C" bool utIsInterruptPending();  // libut: MATLAB's Ctrl-C flag
+#elif !defined(MRKIT_MATLAB)
+#include <octave/quit.h>
+#endif
+
 namespace cmd = mrkit::commands;
 
 namespace {
+
+void stop_for_host_interrupt() {
+#ifndef MRKIT_MATLAB
+    octave_quit();  // throws octave::interrupt_exception when an interrupt is pending
+#endif
+}
 
 cmd::ElementClass element_class(const mxArray* a) {
     switch (mxGetClassID(a)) {
@@ -172,6 +184,18 @@ class MexHost final : public cmd::Host {
             mxSetCell(c, i, mxCreateString(strings[i].c_str()));
     }
 
+    // Ctrl-C: the host's own flag, read without acting on it (only mexFunction's thread
+    // polls, and the interrupt is raised once the call has released everything).
+    bool interrupted() override {
+#ifdef MRKIT_MATLAB_UT
+        return utIsInterruptPending();
+#elif defined(MRKIT_MATLAB)
+        return false;
+#else
+        return octave_interrupt_state > 0;
+#endif
+    }
+
     void warn(const std::string& id, const std::string& message) override {
         // Octave's mexWarnMsgIdAndTxt puts the module name before the text; warning() does not.
         mxArray* args[3] = {mxCreateString(id.c_str()), mxCreateString("%s"),
@@ -229,6 +253,9 @@ void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     } catch (const cmd::Error& e) {
         id = mxCreateString(e.id().c_str());
         message = mxCreateString(e.what());
+        // Octave handles its pending interrupt as it does between statements (no error
+        // message, back to the prompt); if it has none after all, the error is reported.
+        if (e.kind() == cmd::ErrorKind::Interrupted) stop_for_host_interrupt();
     }
 #ifdef MRKIT_MATLAB
     mexErrMsgIdAndTxt(mxArrayToString(id), "%s", mxArrayToString(message));

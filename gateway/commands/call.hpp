@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "gateway/commands/layer.hpp"
+#include "recon/interrupt.hpp"
 
 namespace mrkit::commands {
 
@@ -47,14 +48,20 @@ class Call {
     void set_strings(int slot, const std::vector<std::string>& s) { host_.set_strings(slot, s); }
 
     // Runs the command's library call f() inside Host::library_begins/ends, timed for the
-    // internal "-spans" command. Returns what f returns.
+    // internal "-spans" command. Returns what f returns. The library polls
+    // Host::interrupted() on this thread between volumes or chunks; when it says stop, the
+    // call ends with an Interrupted error.
     template <class F>
     auto library(F&& f) {
         Scope scope(*this);
-        if constexpr (std::is_void_v<decltype(f())>)
-            f();
-        else
-            return f();
+        try {
+            if constexpr (std::is_void_v<decltype(f())>)
+                f();
+            else
+                return f();
+        } catch (const mrkit::Interrupted&) {
+            fail(ErrorKind::Interrupted, "interrupted");
+        }
     }
     // Throws an Interrupted error when the host asks to stop.
     void poll() const;
@@ -65,6 +72,7 @@ class Call {
         ~Scope();
         Call& call;
         double start;
+        mrkit::InterruptGuard poll;
     };
 
     const Command& command_;

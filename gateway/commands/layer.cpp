@@ -158,7 +158,8 @@ void Call::poll() const {
     if (host_.interrupted()) fail(ErrorKind::Interrupted, "interrupted");
 }
 
-Call::Scope::Scope(Call& c) : call(c), start(now_ms()) {
+Call::Scope::Scope(Call& c)
+    : call(c), start(now_ms()), poll([](void* host) { return static_cast<Host*>(host)->interrupted(); }, &c.host_) {
     call.host_.library_begins();
 }
 Call::Scope::~Scope() {

@@ -87,6 +87,8 @@ void MR_ringing_filter(float* re, float* im, int ndims, const int* dims, const d
     const int N0 = dims[0], N1 = dims[1], N2 = ndims > 2 ? dims[2] : 1;
     int V = 1;
     for (int d = 3; d < ndims; ++d) V *= dims[d];
+    // The tables are sized by the dimensions: none for an array without elements.
+    if (N0 <= 0 || N1 <= 0 || N2 <= 0 || V <= 0) return;
 
     const std::vector<float> w0 = window(N0, strength[0], width[0]);
     const std::vector<float> w1 = window(N1, strength[1], width[1]);
@@ -101,7 +103,7 @@ void MR_ringing_filter(float* re, float* im, int ndims, const int* dims, const d
 
     const Index volume = slice * N2;
     mrkit::parallel_blocks(V, [&](int begin, int end) {
-        for (int v = begin; v < end; ++v)
+        for (int v = begin; v < end && !mrkit::interrupted(); ++v)
             for (Index s = 0; s < N2; ++s) {
                 const Index offset = v * volume + s * slice;
                 scale_run(re + offset, im ? im + offset : nullptr, w01.data(), w2[s], slice);

@@ -6,7 +6,6 @@
 // run, never a loop over samples.
 #include <cstddef>
 #include <cstring>
-#include <memory>
 
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
@@ -27,17 +26,20 @@ Geometry geometry(const int* dims, int ndims) {
 }
 
 // Rotates every run of one block left by a samples. Runs of a volume lie `step` apart; b
-// samples of each run are parked, so one buffer of exactly b floats per thread serves them all.
+// samples of each run are parked, so one buffer of exactly b floats per thread serves them all
+// (up to half a volume: allocated before the region).
 void rotate_runs(float* data, int nvol, Index volStride, Index runsPerVol, Index step, Index a,
                  Index b) {
+    const mrkit::ThreadScratch<float> scratch(nvol, static_cast<std::size_t>(b));
     mrkit::parallel_blocks(nvol, [&](int begin, int end) {
-        std::unique_ptr<float[]> parked(new float[b]);
-        for (int v = begin; v < end; ++v) {
+        if (begin >= end) return;
+        float* const parked = scratch.get();
+        for (int v = begin; v < end && !mrkit::interrupted(); ++v) {
             float* p = data + v * volStride;
             for (Index r = 0; r < runsPerVol; ++r, p += step) {
-                std::memcpy(parked.get(), p + a, b * sizeof(float));
+                std::memcpy(parked, p + a, b * sizeof(float));
                 std::memmove(p + b, p, a * sizeof(float));
-                std::memcpy(p, parked.get(), b * sizeof(float));
+                std::memcpy(p, parked, b * sizeof(float));
             }
         }
     });
@@ -46,6 +48,8 @@ void rotate_runs(float* data, int nvol, Index volStride, Index runsPerVol, Index
 // axis: 0, 1 or 2 for the function's own dimension; `forward` picks the ceil(n/2) rotation.
 void shift(float* re, float* im, const int* dims, int ndims, int dim, int axis, bool forward) {
     const Geometry g = geometry(dims, ndims);
+    // An array without elements has nothing to move, however long its other dimensions.
+    if (g.nx <= 0 || g.ny <= 0 || g.nz <= 0 || g.nvol <= 0) return;
     const Index n = dims[dim - 1];
     const Index unit = axis == 0 ? 1 : axis == 1 ? g.nx : g.nx * g.ny;
     const Index step = axis == 0 ? g.nx : axis == 1 ? g.nx * g.ny : g.nx * g.ny * g.nz;

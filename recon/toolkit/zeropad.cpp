@@ -25,6 +25,8 @@ void MR_zero_pad(const float* re, const float* im, int ndims, const int* dims, d
     const int N0 = dims[0], N1 = dims[1], N2 = ndims >= 3 ? dims[2] : 1;
     int V = 1;
     for (int d = 3; d < ndims; ++d) V *= dims[d];
+    // Nothing to copy; the loops below would still walk the rows of an empty dimension.
+    if (N0 <= 0 || N1 <= 0 || N2 <= 0 || V <= 0) return;
 
     const int s0 = static_cast<int>(std::ceil((M0 - N0) * 0.5));
     int s1, e1, s2, e2;
@@ -39,7 +41,7 @@ void MR_zero_pad(const float* re, const float* im, int ndims, const int* dims, d
     const std::size_t rowBytes = static_cast<std::size_t>(N0) * sizeof(float);
 
     mrkit::parallel_blocks(V, [&](int begin, int end) {
-        for (int t = begin; t < end; ++t) {
+        for (int t = begin; t < end && !mrkit::interrupted(); ++t) {
             Index in = t * oldVolume;
             Index out = t * newVolume + s2 * newSlice + s1 * newRow + s0;
             for (int k = s2; k <= e2; ++k) {
