@@ -4,11 +4,15 @@ function counts = fuzz_calls(seed, calls)
   % option name). Asserts that valid calls succeed, that every error of mrkit names its command
   % and an argument, that every error of homodyne is one of its own messages, and that no call
   % changes an input. Returns [valid calls, calls that failed as they should, other calls].
+  % Mutated calls may warn (non-finite results, a prior without noise): not what is judged.
+  state = warning("off", "all");
+  restore = onCleanup(@() warning(state));
   rand("twister", seed);
   randn("twister", seed);
   counts = [0 0 0];
-  commands = {"filter", "multiply", "sense", "sos", "pcsos", "fftshift", "ifftshift", ...
-              "zeropad", "ringing", "gradwarp", "-spans"};
+  commands = {"filter", "multiply", "sense", "coilmaps", "noisecov", "sos", "pcsos", ...
+              "fftshift", "ifftshift", "zeropad", "ringing", "gradwarp", "unwarp", "gradfile", ...
+              "-spans"};
   for k = 1:calls
     cmd = commands{randi(numel(commands))};
     [args, nout] = valid_call(cmd);
@@ -100,7 +104,37 @@ function [args, nout] = valid_call(cmd)
       if (rand() < 0.2)
         args(end+1:end+2) = {"regScale", 2};
       end
-      nout = 2;
+      if (rand() < 0.3)
+        modes = {"voxel", "exact"};
+        args(end+1:end+2) = {"validity", modes{randi(2)}};
+      end
+      nout = randi([1 3]);
+    case "coilmaps"
+      coils = randi([2 4]);
+      k = data([sz(1:2) + 2, 1, coils], true);
+      args = {cmd, k, [randi([2 size(k, 1)]) randi([2 size(k, 2)])]};
+      if (rand() < 0.3)
+        args(end+1:end+2) = {"threshold", rand() * 0.5};
+      end
+      nout = 1;
+    case "noisecov"
+      coils = randi([1 6]);
+      args = {cmd, data([randi([coils 30]) coils], cplx), 2};
+      nout = 1;
+    case "unwarp"
+      % 4 mm voxels around the isocentre; a mild field.
+      affine = [4 0 0 -2 * sz(1); 0 4 0 -2 * sz(2); 0 0 4 -2 * sz(3); 0 0 0 1];
+      [cs, cc, cz] = mild_field();
+      args = {cmd, data(sz, cplx), affine, cs, cc, cz, 250};
+      options = {"interp", "cubic", "jacobian", false, "direction", "warp"};
+      pick = randi([0 3]);
+      if (pick > 0)
+        args(end+1:end+2) = options(2 * pick - 1:2 * pick);
+      end
+      nout = randi([1 2]);
+    case "gradfile"
+      args = {cmd, coefficient_file()};
+      nout = randi([1 5]);
     case {"sos", "pcsos"}
       x = data([sz randi([1 3])], cplx);
       args = {cmd, x, randi([1 ndims(x)])};
@@ -121,16 +155,34 @@ function [args, nout] = valid_call(cmd)
     case "gradwarp"
       n = randi([1 20]);
       p = @() single(randn(1, n) * 100);
-      cs = zeros(14, 12);
-      cc = zeros(14, 12);
-      cz = zeros(17, 1);
-      cs(2, 2) = 1;
-      cc(2, 2) = 1;
-      cz(2) = 1;
-      cs(3:5, 1:3) = randn(3) * 0.01;
+      [cs, cc, cz] = mild_field();
       args = {cmd, p(), p(), p(), cs, cc, cz, 250};
       nout = 3;
   end
+end
+
+% Linear terms of one and a few small higher ones.
+function [cs, cc, cz] = mild_field()
+  cs = zeros(14, 12);
+  cc = zeros(14, 12);
+  cz = zeros(17, 1);
+  cs(2, 2) = 1;
+  cc(2, 2) = 1;
+  cz(2) = 1;
+  cs(3:5, 1:3) = randn(3) * 0.01;
+end
+
+% A valid coefficient file, written once per Octave process.
+function file = coefficient_file()
+  persistent name
+  if (isempty(name))
+    name = [tempname() ".coef"];
+    fid = fopen(name, "w");
+    fprintf(fid, "# fuzz coil\n 0.25 m = R0\n  1 A( 1, 1) 1.0 x\n  2 B( 1, 1) 1.0 y\n");
+    fprintf(fid, "  3 A( 1, 0) 1.0 z\n  4 A( 3, 1) -0.01 x\n  5 A( 2, 1) 0.5 y\n");
+    fclose(fid);
+  end
+  file = name;
 end
 
 function x = data(sz, cplx)
@@ -249,8 +301,9 @@ function check_message(module, cmd, args, msg, seed, k)
            "%s: homodyne %s: message not of the module: %s", where, cmd, msg);
     return;
   end
-  if (! ischar(args{1}) || ! any(strcmp(args{1}, {"sense", "sos", "pcsos", "fftshift", ...
-                                                 "ifftshift", "zeropad", "ringing", "gradwarp", ...
+  if (! ischar(args{1}) || ! any(strcmp(args{1}, {"sense", "coilmaps", "noisecov", "sos", ...
+                                                 "pcsos", "fftshift", "ifftshift", "zeropad", ...
+                                                 "ringing", "gradwarp", "unwarp", "gradfile", ...
                                                  "-spans"})))
     assert(strncmp(msg, "mrkit: ", 7), "%s: unknown command answered with: %s", where, msg);
     if (ischar(args{1}))
@@ -263,8 +316,12 @@ function check_message(module, cmd, args, msg, seed, k)
   assert(strncmp(msg, prefix, numel(prefix)), "%s: message without its command: %s", where, msg);
   argNames = {"x", "y", "z", "dim", "coilDim", "newSize", "strength", "width", "coefSin", ...
               "coefCos", "coefZ", "r0", "folded", "sensitivities", "fullSize", "noise", ...
-              "reference", "regularization", "regScale", "options?", "usage", "inputs", "outputs"};
-  named = false;
+              "reference", "regularization", "regScale", "validity", "kspace", "calibSize", ...
+              "threshold", "window", "samples", "vol", "affine", "jacobian", "interp", ...
+              "direction", "path", "options?", "usage", "inputs", "outputs"};
+  % A coefficient file's own faults are told by its name (and line).
+  named = strcmp(cmd, "gradfile") && numel(args) > 1 && ischar(args{2}) && ...
+          ! isempty(strfind(msg, args{2}));
   for j = 1:numel(argNames)
     named = named || ! isempty(regexp(msg, ["\\<" argNames{j} "\\>"], "once"));
   end
