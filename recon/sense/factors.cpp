@@ -508,7 +508,8 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
         const size_t perVoxel = static_cast<size_t>(slots) * coils;
         std::vector<std::complex<double>> line(kTile * perVoxel);
         const size_t V = static_cast<size_t>(nx) * nYf * nZf;
-        for (int x0 = begin; x0 < end; x0 += kTile) {
+        // A host's stop request ends the call between tiles (the factors are then incomplete).
+        for (int x0 = begin; x0 < end && !mrkit::interrupted(); x0 += kTile) {
             const int x1 = std::min(end, x0 + kTile);
             std::fill(validFlags.begin(), validFlags.end(), 0);
             for (int yf = 0; yf < nYf; ++yf)

@@ -297,7 +297,8 @@ int unfold_volumes(const std::vector<Volume>& volumes, const Eigen::VectorXi& fo
                 ++s1;
             cache.columns(lo, L.xs[s1 - 1].lower + 2 - lo);
             // Row by row, each row in chunks: the folded volumes are read along their rows.
-            for (int y = 0; y < L.fd1; ++y)
+            // A host's stop request ends the call between rows (the output then partly written).
+            for (int y = 0; y < L.fd1 && !mrkit::interrupted(); ++y)
                 for (int z = 0; z < L.fd2; ++z) {
                     Row row(L, y, z);
                     for (int x0 = s0; x0 < s1; x0 += Chunk::kLength) {

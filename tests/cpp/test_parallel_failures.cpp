@@ -18,6 +18,7 @@
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "support/bits.hpp"
+#include "support/sense_phantom.hpp"
 #include "support/split_complex.hpp"
 #include "support/threads.hpp"
 
@@ -206,6 +207,38 @@ TEST(ParallelFailures, LibraryCallsStopWhenAskedAndKeepTheirBitsWhenNot) {
         const mrkit::InterruptGuard guard(&Host::poll, &impatient);
         EXPECT_THROW(with_threads(2, [&] { return op(x); }), mrkit::Interrupted);
     }
+}
+
+// SENSE asks between tiles of its factors and rows of its unfolding, not only between passes:
+// one volume polls many times, stops early when asked, and keeps its bits when not.
+TEST(ParallelFailures, SenseStopsWithinAPassWhenAsked) {
+    using namespace sense_phantom;
+    const std::array<int, 3> full{64, 64, 1};
+    const Split img = make_object(full[0], full[1], full[2]);
+    const Split data = fold(img, 8, 32, 1);
+    const Split maps = make_maps(full[0], full[1], full[2], 8);
+    const auto run = [&] {
+        Split out = make_output(data, full);
+        reconstruct(data, maps, full, out);
+        return out;
+    };
+    const Split plain = with_threads(2, run);
+    Host quiet;
+    Split watched;
+    {
+        const mrkit::InterruptGuard guard(&Host::poll, &quiet);
+        watched = with_threads(2, run);
+    }
+    // Three passes (zeroing, factors, unfolding) alone would poll about six times.
+    EXPECT_GT(quiet.polls.load(), 20);
+    EXPECT_TRUE(same_bits(plain.re, watched.re));
+    EXPECT_TRUE(same_bits(plain.im, watched.im));
+
+    Host impatient;
+    impatient.after = 12;  // inside the unfolding's rows
+    const mrkit::InterruptGuard guard(&Host::poll, &impatient);
+    EXPECT_THROW(with_threads(2, run), mrkit::Interrupted);
+    EXPECT_EQ(impatient.polls.load(), 12);
 }
 
 TEST(ParallelFailures, NoScratchSizedByTheDimensionsOfAnEmptyArray) {
