@@ -396,7 +396,8 @@ int MR_coil_maps_kernel(const float* kRe, const float* kIm, const int* dims,
         int count = 0;
         for (int line = begin; line < end; ++line) {
             const int y = line % ny, z = line / ny;
-            // The operator's y and z offsets summed for this line, x offsets left.
+            // The operator's y and z offsets summed for this line, x offsets left: h[dx][pair],
+            // so that a voxel's sum over dx runs along contiguous pairs.
             for (int p = 0; p < pairs; ++p) {
                 const cd* g = &s.g[static_cast<size_t>(p) * sx * sy * sz];
                 for (int dx = 0; dx < sx; ++dx) {
@@ -406,8 +407,8 @@ int MR_coil_maps_kernel(const float* kRe, const float* kIm, const int* dims,
                             sum += ey[y + static_cast<size_t>(ny) * dy] *
                                    ez[z + static_cast<size_t>(c.nz) * dz] *
                                    g[dx + sx * (dy + static_cast<size_t>(sy) * dz)];
-                    hr[static_cast<size_t>(p) * sx + dx] = sum.real();
-                    hi[static_cast<size_t>(p) * sx + dx] = sum.imag();
+                    hr[static_cast<size_t>(pairs) * dx + p] = sum.real();
+                    hi[static_cast<size_t>(pairs) * dx + p] = sum.imag();
                 }
             }
             // Neighbours along the line have nearly the same eigenvector: each voxel starts
@@ -419,21 +420,28 @@ int MR_coil_maps_kernel(const float* kRe, const float* kIm, const int* dims,
                     clear(c, i, mapsRe, mapsIm);
                     continue;
                 }
-                for (int b = 0; b < coils; ++b)
-                    for (int a = 0; a <= b; ++a) {
-                        const size_t p = a + static_cast<size_t>(coils) * b;
-                        const double* r = &hr[p * sx];
-                        const double* m = &hi[p * sx];
-                        double sr = 0.0, si = 0.0;
-                        for (int dx = 0; dx < sx; ++dx) {
-                            const double wr = exr[x + static_cast<size_t>(nx) * dx],
-                                         wi = exi[x + static_cast<size_t>(nx) * dx];
-                            sr += r[dx] * wr - m[dx] * wi;
-                            si += r[dx] * wi + m[dx] * wr;
+                // The upper triangle (rows a <= b of column b, contiguous), then its mirror.
+                std::fill(Gr.begin(), Gr.end(), 0.0);
+                std::fill(Gi.begin(), Gi.end(), 0.0);
+                for (int dx = 0; dx < sx; ++dx) {
+                    const double wr = exr[x + static_cast<size_t>(nx) * dx],
+                                 wi = exi[x + static_cast<size_t>(nx) * dx];
+                    for (int b = 0; b < coils; ++b) {
+                        const size_t col = static_cast<size_t>(coils) * b;
+                        const double* r = &hr[static_cast<size_t>(pairs) * dx + col];
+                        const double* m = &hi[static_cast<size_t>(pairs) * dx + col];
+                        double* gr = &Gr[col];
+                        double* gi = &Gi[col];
+                        for (int a = 0; a <= b; ++a) {
+                            gr[a] += r[a] * wr - m[a] * wi;
+                            gi[a] += r[a] * wi + m[a] * wr;
                         }
-                        Gr[p] = sr, Gi[p] = si;
-                        Gr[b + static_cast<size_t>(coils) * a] = sr;
-                        Gi[b + static_cast<size_t>(coils) * a] = -si;
+                    }
+                }
+                for (int b = 0; b < coils; ++b)
+                    for (int a = 0; a < b; ++a) {
+                        Gr[b + static_cast<size_t>(coils) * a] = Gr[a + static_cast<size_t>(coils) * b];
+                        Gi[b + static_cast<size_t>(coils) * a] = -Gi[a + static_cast<size_t>(coils) * b];
                     }
                 if (!warm) {
                     start_vector(c, i, u);
