@@ -236,6 +236,16 @@ int MR_sense_recon_voxelwise(const float* foldedRe, const float* foldedIm, int n
 int MR_coil_maps(const float* kRe, const float* kIm, const int* dims, const int* calibSize,
                  const int* window, float threshold, float* mapsRe, float* mapsIm);
 
+// The same maps by calibration kernels: every kernel[0..2]-sized patch of the block (all coils)
+// is a row of a calibration matrix; the rows' signal subspace (singular values above 2% of the
+// largest) turned into image space gives each voxel a coils x coils operator whose dominant
+// eigenvector is the map, exact for maps smooth on the kernel's scale, also at the object's
+// edges. Sizes, threshold, mask, phase and norm as MR_coil_maps; the block is used up to its
+// centred 32 samples per axis. Returns the number of voxels with maps.
+int MR_coil_maps_kernel(const float* kRe, const float* kIm, const int* dims,
+                        const int* calibSize, const int* kernel, float threshold, float* mapsRe,
+                        float* mapsIm);
+
 // Coil noise covariance psi(r, c) = mean of x_r conj(x_c) over all noise samples, the coils along
 // the 1-based dimension coilDim of the ndims sizes in dims; im may be null. psi is coils x coils,
 // column-major, in the units of the samples squared; the mean is not removed (noise has none).

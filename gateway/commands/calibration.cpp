@@ -19,9 +19,19 @@ std::string lower(std::string s) {
 }
 
 struct MapOptions {
+    int walsh = -1;           // -1: Walsh's for 3-D k-space, calibration kernels for 2-D
     float threshold = 0.05f;  // 0 keeps the maps unmasked
     std::vector<int> window;  // empty: 5 along x and y, 3 along z
+    std::vector<int> kernel;  // empty: 6 along every axis
 };
+
+// One to three sizes made three, the last repeated; each at most cap[d].
+std::vector<int> three(std::vector<int> v, std::vector<int> fallback, const std::vector<int>& cap) {
+    if (v.empty()) v = fallback;
+    while (v.size() < 3) v.push_back(v.back());
+    for (int d = 0; d < 3; ++d) v[d] = std::min(v[d], cap[d]);
+    return v;
+}
 
 MapOptions map_options(Call& call) {
     if ((call.inputs() - 2) % 2 != 0) call.fail("options must come in name-value pairs");
@@ -32,7 +42,13 @@ MapOptions map_options(Call& call) {
         const std::string text = call.in(i).text();
         const std::string name = lower(text);
         const Input& value = call.in(i + 1);
-        if (name == "threshold") {
+        if (name == "method") {
+            if (value.element_class() != ElementClass::Char)
+                call.fail(ErrorKind::Type, "method must be 'espirit' or 'walsh'");
+            const std::string m = lower(value.text());
+            if (m != "espirit" && m != "walsh") call.fail("method must be 'espirit' or 'walsh'");
+            o.walsh = m == "walsh" ? 1 : 0;
+        } else if (name == "threshold") {
             const double t = finite_scalar(call, value, "threshold");
             if (t < 0 || t >= 1) call.fail("threshold must be at least 0 and below 1");
             o.threshold = static_cast<float>(t);
@@ -40,8 +56,11 @@ MapOptions map_options(Call& call) {
             o.window = integers(call, value, "window", 1, 3, 1, 99);
             for (int w : o.window)
                 if (w % 2 == 0) call.fail("window must hold odd sizes (a voxel and its neighbours)");
+        } else if (name == "kernel") {
+            o.kernel = integers(call, value, "kernel", 1, 3, 1, 16);
         } else {
-            call.fail("unknown option '" + text + "'; valid options: threshold, window");
+            call.fail("unknown option '" + text +
+                      "'; valid options: method, threshold, window, kernel");
         }
     }
     return o;
@@ -65,11 +84,25 @@ void coilmaps(Call& call) {
                       std::to_string(dims[d]) + ")");
         }
     MapOptions o = map_options(call);
-    std::vector<int> window = o.window;
-    if (window.empty()) window = {5, 5, 3};
-    if (window.size() == 1) window = {window[0], window[0], window[0]};
-    if (window.size() == 2) window.push_back(window[1]);
-    for (int d = 0; d < 3; ++d) window[d] = std::min(window[d], 2 * dims[d] - 1);
+    const std::vector<int> window = three(o.window, {5, 5, 3}, {2 * dims[0] - 1, 2 * dims[1] - 1,
+                                                              2 * dims[2] - 1});
+    const std::vector<int> kernel = three(o.kernel, {6}, calib);
+    const bool walsh = o.walsh < 0 ? dims[2] > 1 : o.walsh == 1;
+    if (!walsh) {
+        // The calibration matrix (patches x kernel positions times coils), the Gram of its
+        // smaller side with its eigenvectors, the subspace's projector and the operator's sums.
+        uint64_t rows = 1, positions = 1, spans = 1;
+        for (int d = 0; d < 3; ++d) {
+            const uint64_t block = std::min(calib[d], 32);
+            rows *= block - kernel[d] + 1;
+            positions *= kernel[d];
+            spans *= 2 * kernel[d] - 1;
+        }
+        const uint64_t K = positions * dims[3], small = std::min(rows, K);
+        call.need(16 * (rows * K + 3 * small * small + 2 * small * K + K * K +
+                        spans * dims[3] * dims[3]),
+                  "the calibration matrix");
+    }
     // Low-resolution images in double: a calibration block, a plane and the images per thread.
     const uint64_t voxels = static_cast<uint64_t>(dims[0]) * dims[1] * dims[2];
     call.need(16 * (static_cast<uint64_t>(dims[0]) * calib[1] * calib[2] +
@@ -109,8 +142,10 @@ void coilmaps(Call& call) {
     const Blocks<float> maps = call.new_single(0, dims, true, Fill::None);
     const int mapDims[4] = {dims[0], dims[1], dims[2], dims[3]};
     call.library([&] {
-        return MR_coil_maps(k.re, k.im, mapDims, calib.data(), window.data(), o.threshold, maps.re,
-                            maps.im);
+        return walsh ? MR_coil_maps(k.re, k.im, mapDims, calib.data(), window.data(),
+                                      o.threshold, maps.re, maps.im)
+                       : MR_coil_maps_kernel(k.re, k.im, mapDims, calib.data(), kernel.data(),
+                                             o.threshold, maps.re, maps.im);
     });
 }
 

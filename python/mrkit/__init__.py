@@ -365,8 +365,13 @@ def _options(**given):
     return args
 
 
-def coilmaps(kspace, calib_shape, *, threshold=None, window=None, threads=None):
-    """Coil maps from centred multi-coil k-space with a fully sampled centre (Walsh's method).
+def coilmaps(kspace, calib_shape, *, method=None, threshold=None, kernel=None, window=None,
+             threads=None):
+    """Coil maps from centred multi-coil k-space with a fully sampled centre.
+
+    2-D k-space uses ESPIRiT-style calibration kernels by default (exact for smooth maps, no
+    blur at the object's edges); 3-D k-space uses Walsh's method (local coil covariance of
+    low-resolution images), whose cost does not grow with a 3-D kernel.
 
     Parameters
     ----------
@@ -374,11 +379,15 @@ def coilmaps(kspace, calib_shape, *, threshold=None, window=None, threads=None):
         Centred k-space (x, y, z, coils), fully sampled in a centred block of ``calib_shape``.
     calib_shape : sequence of 2 or 3 ints
         Size of the calibration block.
+    method : {'espirit', 'walsh'}, optional
+        Overrides the default above.
     threshold : float, optional
         Maps are 0 where the low-resolution magnitude is below this fraction of its largest
         value (default 0.05; 0 keeps them unmasked).
+    kernel : sequence of 1 to 3 ints, optional
+        Calibration kernel of 'espirit' (default 6 along every axis).
     window : sequence of 1 to 3 odd ints, optional
-        Covariance window (default (5, 5, 3)).
+        Covariance window of 'walsh' (default (5, 5, 3)).
     threads : int, optional
         OpenMP threads for this call.
 
@@ -398,7 +407,8 @@ def coilmaps(kspace, calib_shape, *, threshold=None, window=None, threads=None):
     >>> s.shape, bool(np.allclose(np.sum(abs(s) ** 2, axis=3), 1, atol=1e-4))
     ((32, 32, 1, 4), True)
     """
-    return call("coilmaps", kspace, calib_shape, *_options(threshold=threshold, window=window),
+    return call("coilmaps", kspace, calib_shape,
+                *_options(method=method, threshold=threshold, kernel=kernel, window=window),
                 threads=threads)[0]
 
 

@@ -33,6 +33,12 @@
 %! a = sum(conj(double(sens)) .* double(S), 4) ./ sum(abs(double(sens)).^2, 4);
 %! assert(status, 1);
 %! assert(mrkit_nrmse(img(inside) .* a(inside), rho(inside)) < 0.02);
+%! % 2-D defaults to the kernels, closer to the true maps than Walsh's method at the edge.
+%! assert(isequal(S, mrkit("coilmaps", sampled, [nx 24], "method", "ESPIRiT", "kernel", 6)));
+%! W = mrkit("coilmaps", sampled, [nx 24], "method", "walsh");
+%! wfit = abs(sum(conj(double(W)) .* double(t), 4)).^2;
+%! assert(max(1 - fit(inside)) < max(1 - wfit(inside)));
+%! assert(mean(1 - fit(inside)) < 1e-4);
 
 %!test
 %! % 3-D k-space, calibration block in y and z; real k-space is taken with a zero imaginary part.
@@ -44,6 +50,10 @@
 %! assert(size(S), [n 6]);
 %! assert(abs(sum(abs(S).^2, 4)(vol > 0) - 1) < 1e-5);
 %! assert(isequal(mrkit("coilmaps", real(kv), [16 12 12]), mrkit("coilmaps", complex(real(kv)), [16 12 12])));
+%! % 3-D defaults to Walsh's method; the kernels on request.
+%! assert(isequal(S, mrkit("coilmaps", kv, [16 12 12], "window", 3, "method", "walsh")));
+%! E = mrkit("coilmaps", kv, [16 12 12], "method", "espirit", "kernel", [4 4 3]);
+%! assert(abs(sum(abs(E).^2, 4)(vol > 0) - 1) < 1e-5);
 
 %!test
 %! % Correlated noise, coils along dimension 3 of an odd-sized array, any scale: each entry
@@ -87,7 +97,11 @@
 %! expect_error("mrkit:coilmaps: calibSize(2) must not exceed size(kspace, 2) (6)", "coilmaps", kk, [8 7]);
 %! expect_error("mrkit:coilmaps: options must come in name-value pairs", "coilmaps", kk, [8 4], "threshold");
 %! expect_error("mrkit:coilmaps: option names must be strings", "coilmaps", kk, [8 4], 1, 2);
-%! expect_error("mrkit:coilmaps: unknown option 'treshold'; valid options: threshold, window", "coilmaps", kk, [8 4], "treshold", 0.1);
+%! expect_error("mrkit:coilmaps: unknown option 'treshold'; valid options: method, threshold, window, kernel", "coilmaps", kk, [8 4], "treshold", 0.1);
+%! expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", "sense");
+%! expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", 1);
+%! expect_error("mrkit:coilmaps: kernel must hold integers from 1 to 16", "coilmaps", kk, [8 4], "kernel", [6 17]);
+%! expect_error("mrkit:coilmaps: kernel must have 1 to 3 elements", "coilmaps", kk, [8 4], "kernel", [2 2 2 2]);
 %! expect_error("mrkit:coilmaps: threshold must be at least 0 and below 1", "coilmaps", kk, [8 4], "threshold", 1);
 %! expect_error("mrkit:coilmaps: threshold must be finite", "coilmaps", kk, [8 4], "threshold", NaN);
 %! expect_error("mrkit:coilmaps: window must hold odd sizes (a voxel and its neighbours)", "coilmaps", kk, [8 4], "window", [5 4]);
