@@ -202,7 +202,7 @@ int MR_coil_maps(const float* kRe, const float* kIm, const int* dims, const int*
     mrkit::parallel_blocks(lines, [&](int begin, int end) {
         std::vector<cd> A(static_cast<size_t>(coils) * coils), u(coils), v(coils), s(coils);
         int count = 0;
-        for (int line = begin; line < end; ++line) {
+        for (int line = begin; line < end && !mrkit::interrupted(); ++line) {
             const int y = line % ny, z = line / ny;
             for (int x = 0; x < nx; ++x) {
                 const int64_t i = x + nx * (y + static_cast<int64_t>(ny) * z);
@@ -394,7 +394,7 @@ int MR_coil_maps_kernel(const float* kRe, const float* kIm, const int* dims,
             Gi(pairs), ur(coils), ui(coils), vr(coils), vi(coils);
         std::vector<cd> u(coils);
         int count = 0;
-        for (int line = begin; line < end; ++line) {
+        for (int line = begin; line < end && !mrkit::interrupted(); ++line) {
             const int y = line % ny, z = line / ny;
             // The operator's y and z offsets summed for this line, x offsets left: h[dx][pair],
             // so that a voxel's sum over dx runs along contiguous pairs.
