@@ -74,42 +74,31 @@
 %! p = mrkit("noisecov", single([1 3 0; -1 3 0; 2 3 0; 0 3 0; 0 3 5]), 2);
 %! assert(p, complex(single([6 6 0; 6 45 15; 0 15 25] / 5)), 1e-6);
 
-%!function expect_error(message, varargin)
-%!  try
-%!    mrkit(varargin{:});
-%!  catch err
-%!    assert(err.message, message);
-%!    assert(err.identifier, regexp(message, "^mrkit:\\w+", "match", "once"));
-%!    return;
-%!  end
-%!  error("no error; expected: %s", message);
-%!endfunction
-
 %!test
 %! % Every argument of the two commands, with the command and the argument in the message.
 %! kk = single(ones(8, 6, 1, 3));
-%! expect_error("mrkit:coilmaps: kspace must be single", "coilmaps", double(kk), [8 4]);
-%! expect_error("mrkit:coilmaps: kspace must have at most 4 dimensions", "coilmaps", ones(2, 2, 2, 2, 2, "single"), [2 2]);
-%! expect_error("mrkit:coilmaps: kspace must not be empty", "coilmaps", zeros(0, 4, "single"), [1 1]);
-%! expect_error("mrkit:coilmaps: calibSize must have 2 to 3 elements", "coilmaps", kk, 4);
-%! expect_error("mrkit:coilmaps: calibSize must hold integers from 1 to 2147483647", "coilmaps", kk, [8 0]);
-%! expect_error("mrkit:coilmaps: calibSize must have 3 entries for 3-D k-space", "coilmaps", ones(4, 4, 4, 2, "single"), [4 4]);
-%! expect_error("mrkit:coilmaps: calibSize(2) must not exceed size(kspace, 2) (6)", "coilmaps", kk, [8 7]);
-%! expect_error("mrkit:coilmaps: options must come in name-value pairs", "coilmaps", kk, [8 4], "threshold");
-%! expect_error("mrkit:coilmaps: option names must be strings", "coilmaps", kk, [8 4], 1, 2);
-%! expect_error("mrkit:coilmaps: unknown option 'treshold'; valid options: method, threshold, window, kernel", "coilmaps", kk, [8 4], "treshold", 0.1);
-%! expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", "sense");
-%! expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", 1);
-%! expect_error("mrkit:coilmaps: kernel must hold integers from 1 to 16", "coilmaps", kk, [8 4], "kernel", [6 17]);
-%! expect_error("mrkit:coilmaps: kernel must have 1 to 3 elements", "coilmaps", kk, [8 4], "kernel", [2 2 2 2]);
-%! expect_error("mrkit:coilmaps: threshold must be at least 0 and below 1", "coilmaps", kk, [8 4], "threshold", 1);
-%! expect_error("mrkit:coilmaps: threshold must be finite", "coilmaps", kk, [8 4], "threshold", NaN);
-%! expect_error("mrkit:coilmaps: window must hold odd sizes (a voxel and its neighbours)", "coilmaps", kk, [8 4], "window", [5 4]);
-%! expect_error("mrkit:coilmaps: window must hold integers from 1 to 99", "coilmaps", kk, [8 4], "window", 0);
-%! expect_error("mrkit:coilmaps: kspace is zero in its calibration block", "coilmaps", zeros(8, 6, 1, 3, "single"), [8 4]);
+%! mrkit_expect_error("mrkit:coilmaps: kspace must be single", "coilmaps", double(kk), [8 4]);
+%! mrkit_expect_error("mrkit:coilmaps: kspace must have at most 4 dimensions", "coilmaps", ones(2, 2, 2, 2, 2, "single"), [2 2]);
+%! mrkit_expect_error("mrkit:coilmaps: kspace must not be empty", "coilmaps", zeros(0, 4, "single"), [1 1]);
+%! mrkit_expect_error("mrkit:coilmaps: calibSize must have 2 to 3 elements", "coilmaps", kk, 4);
+%! mrkit_expect_error("mrkit:coilmaps: calibSize must hold integers from 1 to 2147483647", "coilmaps", kk, [8 0]);
+%! mrkit_expect_error("mrkit:coilmaps: calibSize must have 3 entries for 3-D k-space", "coilmaps", ones(4, 4, 4, 2, "single"), [4 4]);
+%! mrkit_expect_error("mrkit:coilmaps: calibSize(2) must not exceed size(kspace, 2) (6)", "coilmaps", kk, [8 7]);
+%! mrkit_expect_error("mrkit:coilmaps: options must come in name-value pairs", "coilmaps", kk, [8 4], "threshold");
+%! mrkit_expect_error("mrkit:coilmaps: option names must be strings", "coilmaps", kk, [8 4], 1, 2);
+%! mrkit_expect_error("mrkit:coilmaps: unknown option 'treshold'; valid options: method, threshold, window, kernel", "coilmaps", kk, [8 4], "treshold", 0.1);
+%! mrkit_expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", "sense");
+%! mrkit_expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", 1);
+%! mrkit_expect_error("mrkit:coilmaps: kernel must hold integers from 1 to 16", "coilmaps", kk, [8 4], "kernel", [6 17]);
+%! mrkit_expect_error("mrkit:coilmaps: kernel must have 1 to 3 elements", "coilmaps", kk, [8 4], "kernel", [2 2 2 2]);
+%! mrkit_expect_error("mrkit:coilmaps: threshold must be at least 0 and below 1", "coilmaps", kk, [8 4], "threshold", 1);
+%! mrkit_expect_error("mrkit:coilmaps: threshold must be finite", "coilmaps", kk, [8 4], "threshold", NaN);
+%! mrkit_expect_error("mrkit:coilmaps: window must hold odd sizes (a voxel and its neighbours)", "coilmaps", kk, [8 4], "window", [5 4]);
+%! mrkit_expect_error("mrkit:coilmaps: window must hold integers from 1 to 99", "coilmaps", kk, [8 4], "window", 0);
+%! mrkit_expect_error("mrkit:coilmaps: kspace is zero in its calibration block", "coilmaps", zeros(8, 6, 1, 3, "single"), [8 4]);
 %! bad = kk;
 %! bad(4, 3, 1, 2) = Inf;
-%! expect_error("mrkit:coilmaps: kspace must be finite in its calibration block", "coilmaps", bad, [8 4]);
+%! mrkit_expect_error("mrkit:coilmaps: kspace must be finite in its calibration block", "coilmaps", bad, [8 4]);
 %! gap = kk;
 %! gap(:, 4, :, :) = 0;
 %! lastwarn("");
@@ -118,10 +107,10 @@
 %! assert(id, "mrkit:coilmaps");
 %! assert(msg, "mrkit:coilmaps: 1 lines of the calibration block are zero; calibSize is larger than the fully sampled centre");
 %! x = single(ones(20, 4));
-%! expect_error("mrkit:noisecov: samples must be single", "noisecov", double(x), 2);
-%! expect_error("mrkit:noisecov: coilDim must be an integer from 1 to 2", "noisecov", x, 3);
-%! expect_error("mrkit:noisecov: samples must hold at least as many samples per coil as coils (20), or the covariance is singular", "noisecov", x, 1);
-%! expect_error("mrkit:noisecov: samples must hold at least one coil along coilDim", "noisecov", zeros(3, 0, "single"), 2);
+%! mrkit_expect_error("mrkit:noisecov: samples must be single", "noisecov", double(x), 2);
+%! mrkit_expect_error("mrkit:noisecov: coilDim must be an integer from 1 to 2", "noisecov", x, 3);
+%! mrkit_expect_error("mrkit:noisecov: samples must hold at least as many samples per coil as coils (20), or the covariance is singular", "noisecov", x, 1);
+%! mrkit_expect_error("mrkit:noisecov: samples must hold at least one coil along coilDim", "noisecov", zeros(3, 0, "single"), 2);
 %! x(2) = NaN;
-%! expect_error("mrkit:noisecov: samples must be finite (the covariance is not)", "noisecov", x, 2);
-%! expect_error("mrkit:noisecov: wrong number of inputs; usage: psi = mrkit('noisecov', samples, coilDim)", "noisecov", x);
+%! mrkit_expect_error("mrkit:noisecov: samples must be finite (the covariance is not)", "noisecov", x, 2);
+%! mrkit_expect_error("mrkit:noisecov: wrong number of inputs; usage: psi = mrkit('noisecov', samples, coilDim)", "noisecov", x);

@@ -1,17 +1,6 @@
 % mrkit('unwarp', ...) against the scanner model with positions from mrkit('gradwarp', ...),
 % its options and argument checks, and mrkit('gradfile', ...) on files written here.
 
-%!function expect_error(message, varargin)
-%!  try
-%!    mrkit(varargin{:});
-%!  catch err
-%!    assert(err.message, message);
-%!    assert(err.identifier, regexp(message, "^mrkit:\\w+", "match", "once"));
-%!    return;
-%!  end
-%!  error("no error; expected: %s", message);
-%!endfunction
-
 %!function v = blobs(x, y, z)
 %!  v = exp(-((x - 110).^2 + (y + 70).^2 + (z - 50).^2) / (2 * 25^2)) + ...
 %!      0.7 * exp(-((x + 100).^2 + (y - 90).^2 + (z + 60).^2) / (2 * 25^2));
@@ -95,27 +84,27 @@
 %!test
 %! % Argument checks, each with its message.
 %! v = single(ones(4, 4, 4));
-%! expect_error("mrkit:unwarp: vol must be single", "unwarp", double(v), A, sc, cc, cz, r0);
-%! expect_error("mrkit:unwarp: affine must be a 4x4 matrix", "unwarp", v, A(1:3, :), sc, cc, cz, r0);
-%! expect_error("mrkit:unwarp: affine must be real and numeric", "unwarp", v, "abcd", sc, cc, cz, r0);
+%! mrkit_expect_error("mrkit:unwarp: vol must be single", "unwarp", double(v), A, sc, cc, cz, r0);
+%! mrkit_expect_error("mrkit:unwarp: affine must be a 4x4 matrix", "unwarp", v, A(1:3, :), sc, cc, cz, r0);
+%! mrkit_expect_error("mrkit:unwarp: affine must be real and numeric", "unwarp", v, "abcd", sc, cc, cz, r0);
 %! B = A;
 %! B(2, 3) = Inf;
-%! expect_error("mrkit:unwarp: affine must be finite", "unwarp", v, B, sc, cc, cz, r0);
-%! expect_error("mrkit:unwarp: affine must have [0 0 0 1] as its last row", "unwarp", v, [A(1:3, :); 0 0 1 1], sc, cc, cz, r0);
-%! expect_error("mrkit:unwarp: affine must be invertible: its columns 1-3 are (nearly) dependent", ...
+%! mrkit_expect_error("mrkit:unwarp: affine must be finite", "unwarp", v, B, sc, cc, cz, r0);
+%! mrkit_expect_error("mrkit:unwarp: affine must have [0 0 0 1] as its last row", "unwarp", v, [A(1:3, :); 0 0 1 1], sc, cc, cz, r0);
+%! mrkit_expect_error("mrkit:unwarp: affine must be invertible: its columns 1-3 are (nearly) dependent", ...
 %!              "unwarp", v, [A(:, 1) A(:, 1) A(:, 3:4)], sc, cc, cz, r0);
-%! expect_error("mrkit:unwarp: coefSin must be 14x12 (degrees 0 to 13 by orders 0 to 11)", "unwarp", v, A, sc.', cc, cz, r0);
-%! expect_error("mrkit:unwarp: coefZ(2) must be non-zero", "unwarp", v, A, sc, cc, 0 * cz, r0);
-%! expect_error("mrkit:unwarp: r0 must be positive", "unwarp", v, A, sc, cc, cz, 0);
-%! expect_error("mrkit:unwarp: options must come in name-value pairs", "unwarp", v, A, sc, cc, cz, r0, "interp");
-%! expect_error("mrkit:unwarp: option names must be strings", "unwarp", v, A, sc, cc, cz, r0, 1, 2);
-%! expect_error("mrkit:unwarp: unknown option 'order'; valid options: jacobian, interp, direction", ...
+%! mrkit_expect_error("mrkit:unwarp: coefSin must be 14x12 (degrees 0 to 13 by orders 0 to 11)", "unwarp", v, A, sc.', cc, cz, r0);
+%! mrkit_expect_error("mrkit:unwarp: coefZ(2) must be non-zero", "unwarp", v, A, sc, cc, 0 * cz, r0);
+%! mrkit_expect_error("mrkit:unwarp: r0 must be positive", "unwarp", v, A, sc, cc, cz, 0);
+%! mrkit_expect_error("mrkit:unwarp: options must come in name-value pairs", "unwarp", v, A, sc, cc, cz, r0, "interp");
+%! mrkit_expect_error("mrkit:unwarp: option names must be strings", "unwarp", v, A, sc, cc, cz, r0, 1, 2);
+%! mrkit_expect_error("mrkit:unwarp: unknown option 'order'; valid options: jacobian, interp, direction", ...
 %!              "unwarp", v, A, sc, cc, cz, r0, "order", 3);
-%! expect_error("mrkit:unwarp: jacobian must be true or false", "unwarp", v, A, sc, cc, cz, r0, "jacobian", 2);
-%! expect_error("mrkit:unwarp: jacobian must be true or false", "unwarp", v, A, sc, cc, cz, r0, "jacobian", "on");
-%! expect_error("mrkit:unwarp: jacobian must be true or false", "unwarp", v, A, sc, cc, cz, r0, "jacobian", [true true]);
-%! expect_error("mrkit:unwarp: interp must be 'linear' or 'cubic'", "unwarp", v, A, sc, cc, cz, r0, "interp", "nearest");
-%! expect_error("mrkit:unwarp: direction must be 'unwarp' or 'warp'", "unwarp", v, A, sc, cc, cz, r0, "direction", 1);
+%! mrkit_expect_error("mrkit:unwarp: jacobian must be true or false", "unwarp", v, A, sc, cc, cz, r0, "jacobian", 2);
+%! mrkit_expect_error("mrkit:unwarp: jacobian must be true or false", "unwarp", v, A, sc, cc, cz, r0, "jacobian", "on");
+%! mrkit_expect_error("mrkit:unwarp: jacobian must be true or false", "unwarp", v, A, sc, cc, cz, r0, "jacobian", [true true]);
+%! mrkit_expect_error("mrkit:unwarp: interp must be 'linear' or 'cubic'", "unwarp", v, A, sc, cc, cz, r0, "interp", "nearest");
+%! mrkit_expect_error("mrkit:unwarp: direction must be 'unwarp' or 'warp'", "unwarp", v, A, sc, cc, cz, r0, "direction", 1);
 %! try
 %!   [a, b, c] = mrkit("unwarp", v, A, sc, cc, cz, r0);
 %!   error("no error");
@@ -157,11 +146,11 @@
 %!   fid = fopen(file, "a");
 %!   fprintf(fid, "  8 A( 3, x)  0.1  z\n");
 %!   fclose(fid);
-%!   expect_error(["mrkit:gradfile: " file ", line 11: expected '<no> A( n, m) <value> <axis>' or '<r0> m = R0': '8 A( 3, x)  0.1  z'"], "gradfile", file);
+%!   mrkit_expect_error(["mrkit:gradfile: " file ", line 11: expected '<no> A( n, m) <value> <axis>' or '<r0> m = R0': '8 A( 3, x)  0.1  z'"], "gradfile", file);
 %! unwind_protect_cleanup
 %!   delete(file);
 %! end_unwind_protect
-%! expect_error("mrkit:gradfile: path must be a string", "gradfile", 3);
+%! mrkit_expect_error("mrkit:gradfile: path must be a string", "gradfile", 3);
 %! try
 %!   mrkit("gradfile", [file ".missing"]);
 %!   error("no error");
