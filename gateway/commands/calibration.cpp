@@ -13,11 +13,6 @@
 namespace mrkit::commands {
 namespace {
 
-std::string lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 struct MapOptions {
     int walsh = -1;           // -1: Walsh's for 3-D k-space, calibration kernels for 2-D
     float threshold = 0.05f;  // 0 keeps the maps unmasked
@@ -34,14 +29,9 @@ std::vector<int> three(std::vector<int> v, std::vector<int> fallback, const std:
 }
 
 MapOptions map_options(Call& call) {
-    if ((call.inputs() - 2) % 2 != 0) call.fail("options must come in name-value pairs");
     MapOptions o;
-    for (int i = 2; i < call.inputs(); i += 2) {
-        if (call.in(i).element_class() != ElementClass::Char)
-            call.fail(ErrorKind::Type, "option names must be strings");
-        const std::string text = call.in(i).text();
-        const std::string name = lower(text);
-        const Input& value = call.in(i + 1);
+    for_each_option(call, 2, [&](const std::string& name, const std::string& text,
+                                        const Input& value) {
         if (name == "method") {
             if (value.element_class() != ElementClass::Char)
                 call.fail(ErrorKind::Type, "method must be 'espirit' or 'walsh'");
@@ -62,7 +52,7 @@ MapOptions map_options(Call& call) {
             call.fail("unknown option '" + text +
                       "'; valid options: method, threshold, window, kernel");
         }
-    }
+    });
     return o;
 }
 

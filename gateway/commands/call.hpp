@@ -6,6 +6,7 @@
 // (see Input), then it allocates its outputs through the call and runs its one library call.
 #pragma once
 
+#include <cctype>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -145,5 +146,24 @@ std::vector<int> integers(Call& call, const Input& a, const std::string& name,
 bool flag(Call& call, const Input& a, const std::string& name);
 // A dimension argument in the host's numbering, returned 1-based: 1..count.
 int dimension(Call& call, const Input& a, const std::string& name, int count);
+
+// Lower-case copy, for option names and choices, which match in any case.
+inline std::string lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+// Name-value options from input `first` on: f(lower-case name, name as given, value) for each
+// pair, after the pair count and the name's class are checked.
+template <class F>
+void for_each_option(Call& call, int first, F&& f) {
+    if ((call.inputs() - first) % 2 != 0) call.fail("options must come in name-value pairs");
+    for (int i = first; i < call.inputs(); i += 2) {
+        if (call.in(i).element_class() != ElementClass::Char)
+            call.fail(ErrorKind::Type, "option names must be strings");
+        const std::string text = call.in(i).text();
+        f(lower(text), text, call.in(i + 1));
+    }
+}
 
 }  // namespace mrkit::commands

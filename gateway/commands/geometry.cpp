@@ -91,11 +91,6 @@ std::vector<double> affine(Call& call, const Input& a) {
     return rows;
 }
 
-std::string lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 struct UnwarpOptions {
     bool jacobian = true, cubic = false, warp = false;
 };
@@ -111,14 +106,9 @@ bool choice(Call& call, const Input& a, const std::string& name, const char* fir
 }
 
 UnwarpOptions unwarp_options(Call& call, int first) {
-    if ((call.inputs() - first) % 2 != 0) call.fail("options must come in name-value pairs");
     UnwarpOptions o;
-    for (int i = first; i < call.inputs(); i += 2) {
-        if (call.in(i).element_class() != ElementClass::Char)
-            call.fail(ErrorKind::Type, "option names must be strings");
-        const std::string text = call.in(i).text();
-        const std::string name = lower(text);
-        const Input& value = call.in(i + 1);
+    for_each_option(call, first, [&](const std::string& name, const std::string& text,
+                                        const Input& value) {
         if (name == "jacobian")
             o.jacobian = flag(call, value, "jacobian");
         else if (name == "interp")
@@ -127,7 +117,7 @@ UnwarpOptions unwarp_options(Call& call, int first) {
             o.warp = choice(call, value, "direction", "unwarp", "warp");
         else
             call.fail("unknown option '" + text + "'; valid options: jacobian, interp, direction");
-    }
+    });
     return o;
 }
 

@@ -25,11 +25,6 @@ constexpr int kSenseRank = 13;     // x, y, z, coils and nine more
 constexpr int kSenseMapRank = 5;   // x, y, z, coils, sets
 constexpr int kRegularisedAliases = 64;
 
-std::string lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 std::string sizes_text(const std::vector<int>& dims) {
     std::string s;
     for (size_t i = 0; i < dims.size(); ++i) s += (i ? "x" : "") + std::to_string(dims[i]);
@@ -43,14 +38,9 @@ struct Options {
 };
 
 Options options(Call& call) {
-    if ((call.inputs() - 3) % 2 != 0) call.fail("options must come in name-value pairs");
     Options o;
-    for (int i = 3; i < call.inputs(); i += 2) {
-        if (call.in(i).element_class() != ElementClass::Char)
-            call.fail(ErrorKind::Type, "option names must be strings");
-        const std::string text = call.in(i).text();
-        const std::string name = lower(text);
-        const Input& value = call.in(i + 1);
+    for_each_option(call, 3, [&](const std::string& name, const std::string& text,
+                                        const Input& value) {
         if (name == "noise") {
             o.noise = single_shape(call, value, "noise", Complexity::Any, 2);
         } else if (name == "reference") {
@@ -70,7 +60,7 @@ Options options(Call& call) {
             call.fail("unknown option '" + text +
                       "'; valid options: noise, reference, regularization, regScale, validity");
         }
-    }
+    });
     return o;
 }
 

@@ -210,8 +210,8 @@ TEST(GeometryCorrection, TableRowIsTheSampleAtOrBelowAndPolesAreDirect) {
     expect_direct(probe(-0.999f, any));
 }
 
-// The driver evaluates points in vectorised batches; the computation as described, one point
-// and one step after another with the public building blocks, must give the same bits.
+// The driver evaluates points in vectorised batches; the plain computation, one point and one
+// step after another with the public building blocks, must give the same bits.
 TEST(GeometryCorrection, BatchedEvaluationMatchesPlainLoopBitForBit) {
     const float r0 = 0.3f;
     const Points p = test_points(r0, 1003);  // not a multiple of the batch size
