@@ -242,30 +242,6 @@ TEST(CoilMaps, KernelMapsIn3D) {
     EXPECT_TRUE(same_bits(one.im, two.im));
 }
 
-// The combined image's phase comes from the maps: it must be smooth, not jump between voxels.
-TEST(CoilMaps, CombinedPhaseIsSmooth) {
-    const int nx = 48, ny = 52, coils = 8;
-    std::vector<char> support;
-    const Split img = head(nx, ny, support);
-    const Split truth = make_maps(nx, ny, 1, coils);
-    const Split images = coil_images(img, truth, coils);
-    const Estimate e = estimate(dft::centred_forward(images), nx, 20, 0.1f);
-    const size_t n = support.size();
-    std::vector<cd> combined(n, 0.0);
-    for (size_t i = 0; i < n; ++i)
-        for (int c = 0; c < coils; ++c)
-            combined[i] += std::conj(cd(e.maps.at(i + n * c))) * cd(images.at(i + n * c));
-    double worst = 0.0;
-    for (int y = 0; y < ny; ++y)
-        for (int x = 0; x + 1 < nx; ++x) {
-            const size_t i = x + static_cast<size_t>(nx) * y;
-            if (support[i] && support[i + 1])
-                worst = std::max(worst, std::abs(std::arg(combined[i + 1] / combined[i])));
-        }
-    std::printf("[ PHASE    ] largest step between neighbours: %.3g rad\n", worst);
-    EXPECT_LT(worst, 0.2);
-}
-
 // The whole road with noise on the demo's phantom and maps: SENSE with estimated (masked) maps
 // against SENSE with the true maps, inside the support, at R = 2, 3 and 2.5, for 8 and 16 coils.
 TEST(CoilMaps, SenseWithEstimatedMapsNearlyAsGoodAsTrueMaps) {
