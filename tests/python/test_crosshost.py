@@ -108,6 +108,8 @@ def _cases():
         ("homodyne", "filter", [np.zeros((0, 4), np.float32), None, None, None], 2),
         ("homodyne", "filter", [k, None, np.array([1.0, 2.0, 3.0]), None], 2),
         ("homodyne", "filter", [k, np.ones((2, 2)), None, None], 2),
+        ("homodyne", "filter", [k, None, np.ones((1, 2, 2)), None], 2),
+        ("homodyne", "filter", [k, None, None, np.array([[1.0], [2.0], [3.0]])], 2),
         ("homodyne", "multiply", [img, np.zeros((0, 3), np.complex64)], 1),
         ("homodyne", "multiply", [img, img[:, :, 0]], 1),
         ("homodyne", "multiply", [img, np.ones((4, 4, 3), np.float32)], 1),
