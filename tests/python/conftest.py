@@ -22,14 +22,15 @@ def complex_data(rng, shape, scale=1.0):
 
 
 def layouts(x):
-    """The same values in the memory layouts NumPy produces: C and Fortran order, a strided
-    view, a negative-stride view, a transposed view, and wider or narrower dtypes."""
+    """The same values in the memory layouts NumPy produces: C and Fortran order, strided
+    views of both, a negative-stride view, a transposed view, and wider or narrower dtypes."""
     yield "C", np.ascontiguousarray(x)
     yield "F", np.asfortranarray(x)
     big = np.zeros(tuple(2 * n for n in x.shape), x.dtype)
     view = big[tuple(slice(None, None, 2) for _ in x.shape)]
     view[...] = x
     yield "strided", view
+    yield "strided F", np.asfortranarray(big)[tuple(slice(None, None, 2) for _ in x.shape)]
     rev = np.ascontiguousarray(x[::-1])[::-1]
     yield "negative", rev
     yield "transposed", np.ascontiguousarray(x.T).T

@@ -52,26 +52,17 @@ def _as_tuple(result):
     return result if isinstance(result, tuple) else (result,)
 
 
-def test_every_layout_and_dtype_gives_the_same_bits(rng):
+def test_every_layout_and_dtype_gives_the_same_bits_and_stays_unwritten(rng):
     for name, run, data in _calls(rng):
         expected = [bits(r) for r in _as_tuple(run(*data))]
         for i in range(len(data)):
             for layout, variant in layouts(data[i]):
                 args = list(data)
                 args[i] = variant
+                before = [bits(a) for a in args]
                 got = [bits(r) for r in _as_tuple(run(*args))]
                 assert got == expected, f"{name}: argument {i} as {layout}"
-
-
-def test_inputs_are_never_written(rng):
-    for name, run, data in _calls(rng):
-        for i in range(len(data)):
-            for layout, variant in layouts(data[i]):
-                args = list(data)
-                args[i] = variant
-                before = [bits(a) for a in args]
-                run(*args)
-                assert [bits(a) for a in args] == before, f"{name}: argument {i} as {layout}"
+                assert [bits(a) for a in args] == before, f"{name}: argument {i} as {layout} written"
 
 
 def test_results_do_not_depend_on_the_thread_count(rng, monkeypatch):
