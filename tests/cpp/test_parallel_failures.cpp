@@ -4,6 +4,7 @@
 // dimensions.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -176,69 +177,60 @@ TEST(ParallelFailures, HostPollRunsOnTheCallingThreadAndStopsTheCall) {
     EXPECT_EQ(host.polls.load(), polls);
 }
 
+// Library calls ask between pieces of work, SENSE also between tiles of its factors and rows of
+// its unfolding, not only between passes (three passes alone would poll about six times): each
+// polls while it runs, stops at the poll that asks, and keeps its bits when none does.
 TEST(ParallelFailures, LibraryCallsStopWhenAskedAndKeepTheirBitsWhenNot) {
     const std::vector<int> dims = {16, 12, 3, 40};
     const SplitComplex x = random_complex(element_count(dims), 17);
     const double s[3] = {0.4, 0.6, 0.2};
     const int w[3] = {11, 9, 3};
-    const auto ringing = [&](SplitComplex v) {
-        MR_ringing_filter(v.re.data(), v.im.data(), 4, dims.data(), s, w);
-        return v;
+    const std::array<int, 3> full{64, 64, 1};
+    const sense_phantom::Split img = sense_phantom::make_object(full[0], full[1], full[2]);
+    const sense_phantom::Split data = sense_phantom::fold(img, 8, 32, 1);
+    const sense_phantom::Split maps = sense_phantom::make_maps(full[0], full[1], full[2], 8);
+    struct Case {
+        std::function<SplitComplex()> run;
+        int minPolls, stopAt;
     };
-    const auto shift = [&](SplitComplex v) {
-        MR_fftshift(v.re.data(), v.im.data(), dims.data(), 4, 2);
-        return v;
+    const Case cases[] = {
+        {[&] {
+             SplitComplex v = x;
+             MR_ringing_filter(v.re.data(), v.im.data(), 4, dims.data(), s, w);
+             return v;
+         },
+         1, 3},
+        {[&] {
+             SplitComplex v = x;
+             MR_fftshift(v.re.data(), v.im.data(), dims.data(), 4, 2);
+             return v;
+         },
+         1, 3},
+        {[&] {
+             sense_phantom::Split out = sense_phantom::make_output(data, full);
+             sense_phantom::reconstruct(data, maps, full, out);
+             return SplitComplex{out.re, out.im};
+         },
+         20, 12},  // inside the unfolding's rows
     };
-    const std::vector<std::function<SplitComplex(SplitComplex)>> ops = {ringing, shift};
-    for (const auto& op : ops) {
-        const SplitComplex plain = op(x);
+    for (const Case& c : cases) {
+        const SplitComplex plain = with_threads(2, c.run);
         Host quiet;
         SplitComplex watched;
         {
             const mrkit::InterruptGuard guard(&Host::poll, &quiet);
-            watched = with_threads(2, [&] { return op(x); });
+            watched = with_threads(2, c.run);
         }
-        EXPECT_GT(quiet.polls.load(), 1);
+        EXPECT_GT(quiet.polls.load(), c.minPolls);
         EXPECT_TRUE(same_bits(plain.re, watched.re));
         EXPECT_TRUE(same_bits(plain.im, watched.im));
 
         Host impatient;
-        impatient.after = 3;
+        impatient.after = c.stopAt;
         const mrkit::InterruptGuard guard(&Host::poll, &impatient);
-        EXPECT_THROW(with_threads(2, [&] { return op(x); }), mrkit::Interrupted);
+        EXPECT_THROW(with_threads(2, c.run), mrkit::Interrupted);
+        EXPECT_EQ(impatient.polls.load(), c.stopAt);
     }
-}
-
-// SENSE asks between tiles of its factors and rows of its unfolding, not only between passes:
-// one volume polls many times, stops early when asked, and keeps its bits when not.
-TEST(ParallelFailures, SenseStopsWithinAPassWhenAsked) {
-    using namespace sense_phantom;
-    const std::array<int, 3> full{64, 64, 1};
-    const Split img = make_object(full[0], full[1], full[2]);
-    const Split data = fold(img, 8, 32, 1);
-    const Split maps = make_maps(full[0], full[1], full[2], 8);
-    const auto run = [&] {
-        Split out = make_output(data, full);
-        reconstruct(data, maps, full, out);
-        return out;
-    };
-    const Split plain = with_threads(2, run);
-    Host quiet;
-    Split watched;
-    {
-        const mrkit::InterruptGuard guard(&Host::poll, &quiet);
-        watched = with_threads(2, run);
-    }
-    // Three passes (zeroing, factors, unfolding) alone would poll about six times.
-    EXPECT_GT(quiet.polls.load(), 20);
-    EXPECT_TRUE(same_bits(plain.re, watched.re));
-    EXPECT_TRUE(same_bits(plain.im, watched.im));
-
-    Host impatient;
-    impatient.after = 12;  // inside the unfolding's rows
-    const mrkit::InterruptGuard guard(&Host::poll, &impatient);
-    EXPECT_THROW(with_threads(2, run), mrkit::Interrupted);
-    EXPECT_EQ(impatient.polls.load(), 12);
 }
 
 TEST(ParallelFailures, NoScratchSizedByTheDimensionsOfAnEmptyArray) {
