@@ -84,8 +84,6 @@
 %! mrkit_expect_error("mrkit:coilmaps: calibSize must hold integers from 1 to 2147483647", "coilmaps", kk, [8 0]);
 %! mrkit_expect_error("mrkit:coilmaps: calibSize must have 3 entries for 3-D k-space", "coilmaps", ones(4, 4, 4, 2, "single"), [4 4]);
 %! mrkit_expect_error("mrkit:coilmaps: calibSize(2) must not exceed size(kspace, 2) (6)", "coilmaps", kk, [8 7]);
-%! mrkit_expect_error("mrkit:coilmaps: options must come in name-value pairs", "coilmaps", kk, [8 4], "threshold");
-%! mrkit_expect_error("mrkit:coilmaps: option names must be strings", "coilmaps", kk, [8 4], 1, 2);
 %! mrkit_expect_error("mrkit:coilmaps: unknown option 'treshold'; valid options: method, threshold, window, kernel", "coilmaps", kk, [8 4], "treshold", 0.1);
 %! mrkit_expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", "sense");
 %! mrkit_expect_error("mrkit:coilmaps: method must be 'espirit' or 'walsh'", "coilmaps", kk, [8 4], "method", 1);
