@@ -1,5 +1,5 @@
 % mrkit('coilmaps', ...) and mrkit('noisecov', ...): maps from a fully sampled k-space centre
-% against the maps that made the data and through SENSE, the covariance of correlated noise
+% against the maps that made the data, the covariance of correlated noise
 % against the one that made it, and every argument check.
 
 %!shared nx, ny, rho, sens, k
@@ -27,18 +27,10 @@
 %! assert(isequal(S, mrkit("coilmaps", k, [nx 24])));
 %! U = mrkit("coilmaps", k, [nx 24], "threshold", 0);
 %! assert(all(any(U != 0, 4)(:)));
-%! % Through SENSE at R = 2: no sample not finite, the object back up to the maps' factor.
-%! folded = mrkit_fold(rho .* sens, 2, ny / 2);
-%! [img, status] = mrkit("sense", folded, S, [nx ny]);
-%! a = sum(conj(double(sens)) .* double(S), 4) ./ sum(abs(double(sens)).^2, 4);
-%! assert(status, 1);
-%! assert(mrkit_nrmse(img(inside) .* a(inside), rho(inside)) < 0.02);
-%! % 2-D defaults to the kernels, closer to the true maps than Walsh's method at the edge.
+%! % 2-D defaults to the kernels (Walsh's method on request); how the two compare, and the maps
+%! % through SENSE, are the C++ calibration tests'.
 %! assert(isequal(S, mrkit("coilmaps", sampled, [nx 24], "method", "ESPIRiT", "kernel", 6)));
-%! W = mrkit("coilmaps", sampled, [nx 24], "method", "walsh");
-%! wfit = abs(sum(conj(double(W)) .* double(t), 4)).^2;
-%! assert(max(1 - fit(inside)) < max(1 - wfit(inside)));
-%! assert(mean(1 - fit(inside)) < 1e-4);
+%! assert(! isequal(S, mrkit("coilmaps", sampled, [nx 24], "method", "walsh")));
 
 %!test
 %! % 3-D k-space, calibration block in y and z; real k-space is taken with a zero imaginary part.
