@@ -14,6 +14,7 @@
 
 #include "gateway/commands/layer.hpp"
 #include "recon/recon.hpp"
+#include "support/bits.hpp"
 
 namespace cmd = mrkit::commands;
 
@@ -118,10 +119,6 @@ cmd::Error refusal(const char* command, const std::vector<const cmd::Input*>& in
     }
     ADD_FAILURE() << command << ": no error";
     return cmd::Error(cmd::ErrorKind::Value, "", "");
-}
-
-bool same_bits(const std::vector<float>& a, const std::vector<float>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
 }  // namespace

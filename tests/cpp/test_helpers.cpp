@@ -4,6 +4,7 @@
 #include <cmath>
 #include <memory>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 #include "recon/recon.hpp"
@@ -11,16 +12,10 @@
 TEST(Round, NonNegativeHalvesGoUpNegativesGoTowardZero) {
     for (auto round : {+[](double x) { return MR_round(x); },
                        +[](double x) { return MR_round(static_cast<float>(x)); }}) {
-        EXPECT_EQ(round(0.5), 1);
-        EXPECT_EQ(round(2.5), 3);
-        EXPECT_EQ(round(2.4), 2);
-        EXPECT_EQ(round(1.49999), 1);
-        EXPECT_EQ(round(-0.5), 0);
-        EXPECT_EQ(round(-1.5), -1);
-        EXPECT_EQ(round(-2.5), -2);
-        EXPECT_EQ(round(-2.7), -2);
-        EXPECT_EQ(round(-3.99), -3);
-        EXPECT_EQ(round(7.0), 7);
+        const std::pair<double, int> cases[] = {{0.5, 1},   {2.5, 3},   {2.4, 2},   {1.49999, 1},
+                                                 {-0.5, 0},  {-1.5, -1}, {-2.5, -2}, {-2.7, -2},
+                                                 {-3.99, -3}, {7.0, 7}};
+        for (const auto& [x, want] : cases) EXPECT_EQ(round(x), want) << x;
     }
 }
 
