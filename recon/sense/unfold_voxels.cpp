@@ -4,7 +4,7 @@
 #include <complex>
 #include <type_traits>
 
-#include "recon/sense/corners.hpp"
+#include "recon/toolkit/corners.hpp"
 #include "recon/sense/unfold_chunk.hpp"
 
 namespace mrkit::sense::unfolding {
@@ -14,17 +14,25 @@ inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
 }
 
-// Weight of corner k < count: (x weight * y weight) * z weight, each t or 1 - t.
+// Weights of the first `count` corners.
 template <class Count>
 void weigh(Count count, const Sample& sx, const double* wy, const double* wz, double* w) {
     const double wx[2] = {1.0 - sx.fraction, sx.fraction};
-    for (int k = 0; k < count(); ++k) w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
+    for (int k = 0; k < count(); ++k) w[k] = mrkit::corner_weight(k, wx, wy, wz);
 }
 
-// Which corners voxel x reads (see find_signal): 8, 4 or 0.
+// Which corners a voxel of the row reads from kept rows: all eight or the lower four, as the
+// corner rule finds them within each factor block (0: read from the factors as they lie, also
+// when the factor vector does not hold every block a voxel may read).
 struct CornerKinds {
-    long all8, from4, below4;
-    int of(int lower) const { return lower < all8 ? 8 : lower >= from4 && lower < below4 ? 4 : 0; }
+    const Layout& L;
+    const Row& row;
+    bool blocks;
+    int of(int lower) const {
+        const int readable =
+            blocks ? mrkit::readable_corners(row.rowBase + lower, L.F0, L.plane, L.V) : 0;
+        return readable == 8 || readable == 4 ? readable : 0;
+    }
 };
 
 // Either part of the factor non-zero (or not a number).
@@ -135,15 +143,10 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, const CornerKi
 // they lie.
 void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chunk& ch) {
     const int n = row.n;
-    // Corners as MR_linear_interpolation picks them for lower corner b = x's lower + rowBase;
-    // within a block, so the block bound (block + 1) * V leaves b + offset < V as the test: all
-    // eight below all8, one plane from from4 to below4, none when the blocks are not all there.
-    const bool blocks = static_cast<long>(n) * L.fd3 <= L.blocks;
-    const long rest = static_cast<long>(L.V) - row.rowBase;
-    const CornerKinds kinds{blocks ? rest - L.F0 - 1 - L.plane : 0, rest - L.plane,
-                            blocks ? rest - L.F0 - 1 : 0};
-    // Lower corners do not fall along x, and eight corners or four are each one run of them: when
-    // the chunk's first and last voxel read the same, so do all between.
+    // Each block's bound is its end, so the rule is applied within one block (bound V).
+    const CornerKinds kinds{L, row, static_cast<long>(n) * L.fd3 <= L.blocks};
+    // Lower corners do not fall along x: when the chunk's first and last voxel read the same
+    // corners, so do all between.
     const int first = kinds.of(L.xs[x0].lower);
     const int uniform = first != 0 && kinds.of(L.xs[x1 - 1].lower) == first ? first : -1;
     ch.uniform = uniform;

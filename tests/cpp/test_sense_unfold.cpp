@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "recon/recon.hpp"
-#include "recon/sense/corners.hpp"
+#include "recon/toolkit/corners.hpp"
 #include "support/sense_phantom.hpp"
 #include "support/threads.hpp"
 

@@ -1,7 +1,9 @@
-// Trilinear interpolation of many grids at one position: the readable corners and their weight
-// products are found once and then applied to every coil or factor block. The corner rule, the
-// weight products and the summation order are those of MR_linear_interpolation, so every
-// result is bit-identical to a call of it; only the repeated set-up is saved.
+// The trilinear corner rule every interpolation of a flat column-major block follows: the
+// toolkit's MR_linear_interpolation, homodyne's low-resolution phase, the SENSE factors and the
+// unfolding. Corners come in the order b, b+1, b+nx, b+nx+1, then the same one plane on; corner c
+// is weighted (w1 * w2) * w3, each the fraction toward it or one minus that. Only the flat end N of
+// the block is guarded: corners at or past N drop out without renormalising the rest, so values
+// fade toward zero there, and a corner past the end of a row reads the next row.
 #pragma once
 
 #include <complex>
@@ -11,43 +13,45 @@
 
 namespace mrkit {
 
+// Offset of corner c from the lower corner b.
+inline int corner_offset(int c, int nx, int plane) {
+    return (c & 1) + (c & 2 ? nx : 0) + (c & 4 ? plane : 0);
+}
+
+// How many corners, in the order above, may be read: the first up to the last one below N. The
+// count never rises with b, so a run of lower corners whose first and last share it all do.
+inline int readable_corners(long b, int nx, int plane, long N) {
+    for (int c = 8; c > 0; --c)
+        if (b + corner_offset(c - 1, nx, plane) < N) return c;
+    return 0;
+}
+
+// Weight of corner c, given each axis's pair {1 - t, t}.
+template <class W>
+inline W corner_weight(int c, const W* w1, const W* w2, const W* w3) {
+    return (w1[c & 1] * w2[(c >> 1) & 1]) * w3[(c >> 2) & 1];
+}
+
+// The readable corners of one position and their weights, found once and then applied to any
+// number of grids of the same shape (every coil, every factor block).
 template <class Weight>
 struct Corners {
-    int count = 0;  // corners read, in the order b, b+1, b+nx, b+nx+1, then the same + plane
+    int count = 0;  // corners read, in corner order
     int offset[8] = {};
     Weight weight[8] = {};
 
-    // Corner b and fractions t1 (+1), t2 (+nx), t3 (+plane); corners at index N or beyond drop
-    // out, tested from the highest flat index down without renormalising.
+    // Lower corner b, fractions t1 (+1), t2 (+nx), t3 (+plane), flat end N.
     Corners(int b, int nx, int plane, int N, Weight t1, Weight t2, Weight t3) {
-        int readable = 0;
-        if (b + nx + 1 + plane < N)
-            readable = 8;
-        else if (b + nx + plane < N)
-            readable = 7;
-        else if (b + 1 + plane < N)
-            readable = 6;
-        else if (b + plane < N)
-            readable = 5;
-        else if (b + nx + 1 < N)
-            readable = 4;
-        else if (b + nx < N)
-            readable = 3;
-        else if (b + 1 < N)
-            readable = 2;
-        else if (b < N)
-            readable = 1;
         const Weight one = 1;
-        const int offsets[8] = {0, 1, nx, nx + 1, plane, 1 + plane, nx + plane, nx + 1 + plane};
+        const Weight w1[2] = {one - t1, t1}, w2[2] = {one - t2, t2}, w3[2] = {one - t3, t3};
+        const int readable = readable_corners(b, nx, plane, N);
         for (int c = 0; c < readable; ++c) {
             // With one row per plane (+nx == +plane) corner b+nx+1 can pass the end while
             // b+plane does not; it drops out like every corner past the end.
-            if (b + offsets[c] >= N) continue;
-            const Weight w1 = (c & 1) ? t1 : one - t1;
-            const Weight w2 = (c & 2) ? t2 : one - t2;
-            const Weight w3 = (c & 4) ? t3 : one - t3;
-            offset[count] = b + offsets[c];
-            weight[count++] = w1 * w2 * w3;
+            const int at = b + corner_offset(c, nx, plane);
+            if (at >= N) continue;
+            offset[count] = at;
+            weight[count++] = corner_weight(c, w1, w2, w3);
         }
     }
 
