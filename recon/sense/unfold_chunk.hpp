@@ -11,7 +11,8 @@
 
 #include "recon/recon.hpp"
 #include "recon/sense/factor_rows.hpp"
-#include "recon/sense/products.hpp"
+#include "recon/lanes.hpp"
+#include "recon/sense/unfold_products.hpp"
 
 namespace mrkit::sense::unfolding {
 
@@ -62,16 +63,11 @@ struct Aliases {
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
 
-// Whether voxels whose positions all carry signal go in pairs: the pair kernels (when built) take
+// Whether voxels whose positions all carry signal may go in pairs: the two-voxel products take
 // fewer than kBlockedColumns coils; a single position reads its half of the interleaved matrix
 // through a stride.
 inline bool paired(int n, int coils) {
-#ifdef MRKIT_AVX2_PAIRS
-    return n == 1 || coils < mrkit::small::kBlockedColumns;
-#else
-    (void)coils;
-    return n == 1;
-#endif
+    return n == 1 || (kPairProducts && coils < kBlockedColumns);
 }
 
 // Calls f with the number of aliased positions n as a compile-time constant from 2 to 4, so that
@@ -93,6 +89,24 @@ void with_positions(int n, F&& f) {
 // Factor-grid columns of the widest strip a thread works through at a time.
 constexpr int kStripWidth = 264;
 
+struct Chunk;
+
+// The kernels that depend on the processor, chosen once per call. With AVX2, voxels whose
+// positions all carry signal go in pairs of neighbours, two to a 256-bit register, and on the
+// factor grid read their factors from narrowed kept rows; the baseline takes one voxel at a time.
+struct Kernels {
+    bool pairs;
+    // Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
+    void (*gather)(const float* re, const float* im, int x0, int x1, cf* out);
+    // Whether each of `count` factors from f, and from f + k V for every k < n, is not 0 + 0i.
+    void (*all_signal)(const cd* f, int V, int n, int count, bool* result);
+    // The coil products of every pair of a chunk's voxels (n rows).
+    void (*pair_products)(Chunk* ch, int n, int coils, int x0);
+    // The coil products of two voxels whose matrices lie apart (n >= 2 rows).
+    void (*two_voxels)(products::TwoVoxels s, Index rows, Index cols);
+    Kernels();
+};
+
 // What every thread reads: sizes, sampling of the factor grid and aliased positions.
 struct Layout {
     int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
@@ -105,6 +119,7 @@ struct Layout {
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
+    Kernels kernels;
 
     Layout(const Eigen::VectorXi& foldedDims, const Eigen::VectorXcd& f,
            const Eigen::VectorXi& factorDims, const Eigen::VectorXi& fullDims,
@@ -233,6 +248,7 @@ struct Chunk {
           P(static_cast<size_t>(kLength) * pair_stride()),
           U(static_cast<size_t>(kLength) * 2 * s) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
+    const int* rows(int i) const { return rowOf.data() + static_cast<size_t>(i) * slots; }
     double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
     const double* weights_of(int i) { return sharedWeights ? shared : weights(i); }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
@@ -253,8 +269,8 @@ struct KeptRows {
     mrkit::sense::FactorRows<cf> narrow;
     // Rows y and y + 1, and in 3-D the same one plane on.
     static int rows(const Layout& L) { return L.F2 > 1 ? 4 : 2; }
-    KeptRows(const Layout& L, bool avx2, int capacity)
-        : narrowed(L.allOnGrid && avx2),
+    KeptRows(const Layout& L, int capacity)
+        : narrowed(L.allOnGrid && L.kernels.pairs),
           exact(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? 0 : rows(L)),
           narrow(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? rows(L) : 0) {}
     void columns(int lo, int width) {
@@ -264,9 +280,9 @@ struct KeptRows {
 };
 
 // Lists the chunk x0 .. x1 - 1 of a row's voxels with signal and how their corners are read.
-void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chunk& ch);
+void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch);
 
 // The factor matrix of every voxel of the chunk listed, or where the pair kernel reads it.
-void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, Chunk& ch);
+void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch);
 
 }  // namespace mrkit::sense::unfolding

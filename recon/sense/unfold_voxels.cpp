@@ -4,11 +4,14 @@
 #include <complex>
 #include <type_traits>
 
-#include "recon/toolkit/corners.hpp"
+#include "recon/lanes.hpp"
 #include "recon/sense/unfold_chunk.hpp"
+#include "recon/toolkit/corners.hpp"
 
 namespace mrkit::sense::unfolding {
 namespace {
+
+namespace lanes = mrkit::lanes;
 
 inline cf narrow(cd v) {
     return cf(static_cast<float>(v.real()), static_cast<float>(v.imag()));
@@ -37,41 +40,19 @@ struct CornerKinds {
 
 // Either part of the factor non-zero (or not a number).
 inline bool signal(const cd* f) {
-#if defined(__SSE2__)
-    return _mm_movemask_pd(_mm_cmpneq_pd(_mm_loadu_pd(reinterpret_cast<const double*>(f)),
-                                         _mm_setzero_pd())) != 0;
-#else
-    return f->real() != 0.0 || f->imag() != 0.0;
-#endif
+    const auto part = lanes::load<lanes::Double2>(reinterpret_cast<const double*>(f)) != lanes::Double2{};
+    return (part[0] | part[1]) != 0;
 }
-
-#ifdef MRKIT_AVX2
-// Whether each of the `count` entries from f, and from f + k V for every k < n, has signal.
-__attribute__((target("avx2"))) bool all_signal_avx2(const cd* f, int V, int n, int count) {
-    const __m256d zero = _mm256_setzero_pd();
-    __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
-    for (int k = 0; k < n; ++k) {
-        const double* in = reinterpret_cast<const double*>(f + static_cast<size_t>(k) * V);
-        int q = 0;
-        for (; q + 2 <= count; q += 2) {
-            const __m256d part = _mm256_cmp_pd(_mm256_loadu_pd(in + 2 * q), zero, _CMP_NEQ_UQ);
-            all = _mm256_and_pd(all, _mm256_or_pd(part, _mm256_permute_pd(part, 0x5)));
-        }
-        if (q < count && !signal(f + static_cast<size_t>(k) * V + q)) return false;
-    }
-    return _mm256_movemask_pd(all) == 0xF;
-}
-#endif
 
 // find_signal where every voxel reads the same corners with the same weights and the voxels'
 // nearest grid columns follow one another: each position's tests read one run along x, and a
 // voxel with signal everywhere takes its rows in order.
 template <int N>
-void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, bool avx2,
-                     Chunk& ch) {
+void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, Chunk& ch) {
     const cd* f = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
-#ifdef MRKIT_AVX2
-    if (avx2 && all_signal_avx2(f, L.V, N, x1 - x0)) {
+    bool all;
+    L.kernels.all_signal(f, L.V, N, x1 - x0, &all);
+    if (all) {
         for (int i = 0; i < x1 - x0; ++i) {
             ch.x[i] = x0 + i;
             ch.valid[i] = N;
@@ -82,9 +63,6 @@ void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corner
         ch.active = ch.full = x1 - x0;
         return;
     }
-#else
-    (void)avx2;
-#endif
     for (int x = x0; x < x1; ++x, ++f) {
         int bits = 0;
         for (int m = 0; m < N; ++m) bits |= signal(f + static_cast<size_t>(m) * L.V) << m;
@@ -141,7 +119,7 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, const CornerKi
 // Lists the chunk's voxels with signal and how their corners are read: from the kept rows when
 // they are the usual four (one plane) or eight, otherwise, at the grid's end, from the factors as
 // they lie.
-void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chunk& ch) {
+void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     const int n = row.n;
     // Each block's bound is its end, so the rule is applied within one block (bound V).
     const CornerKinds kinds{L, row, static_cast<long>(n) * L.fd3 <= L.blocks};
@@ -162,7 +140,7 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chu
     with_positions(n, [&](auto N) {
         if constexpr (N() > 0)
             if (uniform > 0 && L.oneFraction && L.unitNearest)
-                return find_signal_run<N()>(L, row, x0, x1, uniform, avx2, ch);
+                return find_signal_run<N()>(L, row, x0, x1, uniform, ch);
         find_signal<N()>(L, row, x0, x1, kinds, uniform, ch);
     });
 }
@@ -170,7 +148,7 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chu
 // M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
 // (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
 // unused, as the product still takes them.
-void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, Chunk& ch) {
+void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) {
     const int n = row.n, count = n * L.fd3;
     // Rows as they are: kept, or where they lie when the kept rows are narrowed.
     const int stride = cache.narrowed ? L.V : cache.exact.stride();
@@ -194,7 +172,7 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, 
     int kinds = 0;
     // Every voxel with signal everywhere, alike in corners, at consecutive x and grid columns:
     // neighbours pair up in order, as the loop below would pair them.
-    ch.dense = avx2 && n >= 2 && paired(n, L.fd3) && ch.uniform > 0 && ch.full == ch.active &&
+    ch.dense = L.kernels.pairs && n >= 2 && paired(n, L.fd3) && ch.uniform > 0 && ch.full == ch.active &&
                L.unitColumns && ch.x[ch.active - 1] - ch.x[0] == ch.active - 1;
     if (ch.dense) {
         keep_rows(ch.uniform);
@@ -225,7 +203,7 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, 
         }
         keep_rows(corners);
         const int column = L.xs[ch.x[i]].lower - lo;
-        if (avx2 && ch.valid[i] == n && paired(n, L.fd3)) {
+        if (L.kernels.pairs && ch.valid[i] == n && paired(n, L.fd3)) {
             // With the next voxel when that is the neighbour in x and in grid columns and alike;
             // otherwise the other half holds the next grid column's factors, unused.
             const bool two = i + 1 < ch.active && ch.corners[i + 1] == corners &&
@@ -252,7 +230,7 @@ void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, 
         else
             one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)});
     }
-#ifdef MRKIT_AVX2
+#ifdef MRKIT_LANES
     // On the grid the weights but the lower corner's are 0, and with finite corners they add
     // zeros: the factors are the lower corner's, read narrowed from its kept row. (Only a -0
     // factor could come out otherwise, as +0; no output shows the sign of a zero factor, since
