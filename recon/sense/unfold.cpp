@@ -264,8 +264,8 @@ class Scatter {
 void gather_values(const Layout& L, int rowStart, int x0, int x1,
                    const mrkit::sense::Volume& vol, Chunk& ch) {
     for (int c = 0; c < L.fd3; ++c) {
-        const float* re = vol.foldedRe + rowStart + c * L.volume;
-        const float* im = vol.foldedIm ? vol.foldedIm + rowStart + c * L.volume : nullptr;
+        const float* re = vol.foldedRe + rowStart + c * L.foldedVolume;
+        const float* im = vol.foldedIm ? vol.foldedIm + rowStart + c * L.foldedVolume : nullptr;
         L.kernels.gather(re, im, x0, x1, ch.values_at(c));
     }
 }
@@ -320,7 +320,7 @@ void unfold_chunk(const Layout& L, const Row& row, int x0, int x1,
                   const mrkit::sense::Volume& vol, Chunk& ch, std::atomic<int>& status) {
     // Every voxel with signal is out of range when there are no coils (the folded offset
     // reaches the end at once); otherwise none is.
-    const int rowStart = row.y * L.fd0 + row.z * L.slab;
+    const int rowStart = row.y * L.fd0 + row.z * L.foldedPlane;
     if (rowStart + x1 - 1 >= L.foldedTotal) {
         if (ch.active > 0) status.store(-1, std::memory_order_relaxed);
         return;

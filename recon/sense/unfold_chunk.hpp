@@ -1,5 +1,25 @@
-// What the unfolding's steps share: the sizes and sampling of the factor grid, one (y, z) row
-// of folded voxels, and a thread's scratch for a chunk of that row and its kept factor rows.
+// What the unfolding's steps share. The data model, once:
+//
+// - Folded volume (x, y, z, coil), sizes fd0..fd3; output volume (x, y, z), sizes N0..N2. Only y
+//   and z are folded: folded voxel (x, y, z) holds the aliased output positions (x, yList[iy],
+//   zList[iz]), n = ny * nz of them, numbered m = iy * nz + iz (Aliases, per axis).
+// - Factors: F3 blocks of one factor grid F0 x F1 x F2 (V entries) each. A voxel with n aliased
+//   positions reads block c * n + m for coil c and position m; coil 0's factor at the nearest grid
+//   voxel says whether position m carries signal (not 0 + 0i). A folded index samples the grid at
+//   a coordinate (Sample, per axis), whose lower corner and fractions weigh the corners of
+//   corners.hpp, within each block.
+// - Layout: all of the above that depends only on the sizes, worked out once per call; it also
+//   holds the processor's kernels, chosen once.
+// - Row: the folded voxels (x, y, z) for fixed (y, z); they share n, the aliased y and z, and
+//   the grid rows their corners lie in. A thread walks its x range in strips of grid columns,
+//   row by row, each row in chunks of up to Chunk::kLength voxels.
+// - Chunk: a thread's scratch for one chunk: the voxels with signal (in x order), each voxel's
+//   n x coils factor matrix M (rows with signal first) and the chunk's coil values. With the
+//   pairing kernels, neighbouring voxels whose positions all carry signal go in pairs, their two
+//   matrices interleaved entry by entry (or read in place from narrowed kept rows).
+// - KeptRows: the grid rows (y and y + 1, and one plane on) a row's corners lie in, each block's
+//   run over the strip's columns copied out once, so that the next row of voxels finds half of
+//   its corners there (factor_rows.hpp).
 #pragma once
 
 #include <algorithm>
@@ -10,16 +30,15 @@
 #include <vector>
 
 #include "recon/recon.hpp"
-#include "recon/sense/factor_rows.hpp"
 #include "recon/lanes.hpp"
+#include "recon/sense/factor_rows.hpp"
 #include "recon/sense/unfold_products.hpp"
 
 namespace mrkit::sense::unfolding {
 
-// Where one folded index samples the factor grid: the coordinate (never below 0), its nearest
-// grid index for the signal mask, and its lower grid index and fraction for interpolation.
+// Where one folded index samples the factor grid: the nearest grid index of its coordinate (never
+// below 0) for the signal mask, and its lower grid index and fraction for interpolation.
 struct Sample {
-    float coord;
     int nearest, lower;
     double fraction;
 };
@@ -38,7 +57,7 @@ inline std::vector<Sample> samples(int folded, int grid, int fullSize, const flo
         if (gridBounds) c = static_cast<float>(pos2interpolate(c, i, imageBounds, gridBounds));
         if (c < 0) c = 0;
         const int lower = static_cast<int>(c);
-        out[i] = {c, MR_round(c), lower, c - static_cast<float>(lower)};
+        out[i] = {MR_round(c), lower, c - static_cast<float>(lower)};
     }
     return out;
 }
@@ -110,7 +129,9 @@ struct Kernels {
 // What every thread reads: sizes, sampling of the factor grid and aliased positions.
 struct Layout {
     int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
-    int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
+    // Elements of one folded (x, y) plane, of one coil's volume, of all; of one factor-grid plane,
+    // of one block (V); of one output plane, of the output.
+    int foldedPlane, foldedVolume, foldedTotal, gridPlane, V, outPlane, outTotal;
     std::vector<Sample> xs, ys, zs;
     bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
     bool allOnGrid;    // that fraction is 0, and every y and z samples the grid at its lower corner
@@ -134,11 +155,11 @@ struct Layout {
           F0(factorDims[0]),
           F1(factorDims[1]),
           F2(factorDims[2]),
-          slab(fd0 * fd1),
-          volume(slab * fd2),
+          foldedPlane(fd0 * fd1),
+          foldedVolume(foldedPlane * fd2),
           foldedTotal(foldedDims.prod()),
-          plane(F0 * F1),
-          V(plane * F2),
+          gridPlane(F0 * F1),
+          V(gridPlane * F2),
           outPlane(N0 * N1),
           outTotal(outPlane * N2),
           xs(samples(fd0, F0, N0, nullptr)),
@@ -195,7 +216,7 @@ struct Row {
           zList(L.zAlias.of(z_)),
           sy(&L.ys[y_]),
           sz(&L.zs[z_]),
-          rowBase(sy->lower * L.F0 + sz->lower * L.plane),
+          rowBase(sy->lower * L.F0 + sz->lower * L.gridPlane),
           gridRow(sy->lower + sz->lower * L.F1) {}
 };
 

@@ -33,7 +33,7 @@ struct CornerKinds {
     bool blocks;
     int of(int lower) const {
         const int readable =
-            blocks ? mrkit::readable_corners(row.rowBase + lower, L.F0, L.plane, L.V) : 0;
+            blocks ? mrkit::readable_corners(row.rowBase + lower, L.F0, L.gridPlane, L.V) : 0;
         return readable == 8 || readable == 4 ? readable : 0;
     }
 };
@@ -49,7 +49,7 @@ inline bool signal(const cd* f) {
 // voxel with signal everywhere takes its rows in order.
 template <int N>
 void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, Chunk& ch) {
-    const cd* f = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
+    const cd* f = L.factors + row.sz->nearest * L.gridPlane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
     bool all;
     L.kernels.all_signal(f, L.V, N, x1 - x0, &all);
     if (all) {
@@ -91,7 +91,7 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, const CornerKi
     const int n = N > 0 ? N : row.n;
     const double wy[2] = {1.0 - row.sy->fraction, row.sy->fraction};
     const double wz[2] = {1.0 - row.sz->fraction, row.sz->fraction};
-    const cd* nearest = L.factors + row.sz->nearest * L.plane + row.sy->nearest * L.F0;
+    const cd* nearest = L.factors + row.sz->nearest * L.gridPlane + row.sy->nearest * L.F0;
     for (int x = x0; x < x1; ++x) {
         const Sample& sx = L.xs[x];
         const cd* f = nearest + sx.nearest;
@@ -192,7 +192,7 @@ void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) 
         cf* out = ch.matrix(i);
         if (corners == 0) {
             const Sample& sx = L.xs[ch.x[i]];
-            const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.plane, L.V, sx.fraction,
+            const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.gridPlane, L.V, sx.fraction,
                                             row.sy->fraction, row.sz->fraction);
             for (int c = 0; c < L.fd3; ++c)
                 for (int m = 0; m < n; ++m)
