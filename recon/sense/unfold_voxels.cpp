@@ -145,15 +145,19 @@ void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch) {
     });
 }
 
-// M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
-// (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
-// unused, as the product still takes them.
-void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) {
-    const int n = row.n, count = n * L.fd3;
-    // Rows as they are: kept, or where they lie when the kept rows are narrowed.
-    const int stride = cache.narrowed ? L.V : cache.exact.stride();
+namespace {
+
+// The grid rows a row's corners lie in, fetched once per row as far as the corners need them:
+// kept, or, when the kept rows are narrowed, where they lie in the factors (and narrowed).
+struct CornerRows {
+    const Layout& L;
+    Row& row;
+    KeptRows& cache;
+    int lo, count;
     int kept = 0;  // corners whose rows are fetched
-    const auto keep_rows = [&](int corners) {
+    // Distance between the blocks' runs of the rows as they are.
+    int stride() const { return cache.narrowed ? L.V : cache.exact.stride(); }
+    void fetch(int corners) {
         if (corners <= kept) return;
         kept = corners;
         for (int r = 0; r < corners / 2; ++r) {
@@ -166,49 +170,74 @@ void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) 
             row.narrowed[r] = cache.narrow.row(gridRow, count, &row.finite);
             row.kept[r] = L.factors + static_cast<size_t>(gridRow) * L.F0 + lo;
         }
-    };
-    ch.pairs = 0;
-    ch.grid = nullptr;
-    int kinds = 0;
-    // Every voxel with signal everywhere, alike in corners, at consecutive x and grid columns:
-    // neighbours pair up in order, as the loop below would pair them.
-    ch.dense = L.kernels.pairs && n >= 2 && paired(n, L.fd3) && ch.uniform > 0 && ch.full == ch.active &&
-               L.unitColumns && ch.x[ch.active - 1] - ch.x[0] == ch.active - 1;
-    if (ch.dense) {
-        keep_rows(ch.uniform);
-        kinds = ch.uniform;
-        const int column = L.xs[ch.x[0]].lower - lo;
-        ch.pairs = (ch.active + 1) / 2;
-        for (int p = 0; p < ch.pairs; ++p) {
-            ch.first[p] = 2 * p;
-            ch.two[p] = 2 * p + 1 < ch.active;
-            ch.column[p] = column + 2 * p;
-        }
     }
-    for (int i = 0; i < (ch.dense ? 0 : ch.active); ++i) {
+};
+
+// Every voxel with signal everywhere, alike in corners, at consecutive x and grid columns:
+// neighbours pair up in order, as voxel_matrices would pair them.
+bool dense_pairs(const Layout& L, int n, CornerRows& rows, Chunk& ch) {
+    ch.dense = L.kernels.pairs && n >= 2 && paired(n, L.fd3) && ch.uniform > 0 &&
+               ch.full == ch.active && L.unitColumns && ch.x[ch.active - 1] - ch.x[0] == ch.active - 1;
+    if (!ch.dense) return false;
+    rows.fetch(ch.uniform);
+    const int column = L.xs[ch.x[0]].lower - rows.lo;
+    ch.pairs = (ch.active + 1) / 2;
+    for (int p = 0; p < ch.pairs; ++p) {
+        ch.first[p] = 2 * p;
+        ch.two[p] = 2 * p + 1 < ch.active;
+        ch.column[p] = column + 2 * p;
+    }
+    return true;
+}
+
+// M of voxel i from the corners of the rule, where they are not the usual ones of kept rows.
+void matrix_from_factors(const Layout& L, const Row& row, int i, Chunk& ch) {
+    const int n = row.n;
+    const int* rows = ch.rows(i);
+    cf* out = ch.matrix(i);
+    const Sample& sx = L.xs[ch.x[i]];
+    const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.gridPlane, L.V, sx.fraction,
+                                    row.sy->fraction, row.sz->fraction);
+    for (int c = 0; c < L.fd3; ++c)
+        for (int m = 0; m < n; ++m)
+            if (rows[m] >= 0)
+                out[rows[m] + static_cast<size_t>(c) * n] =
+                    narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
+}
+
+// M of voxel i from its corners in kept rows.
+template <int Corners>
+void matrix_from_rows(const Layout& L, const Row& row, int i, int column, int stride, Chunk& ch) {
+    const int n = row.n;
+    const int* rows = ch.rows(i);
+    cf* out = ch.matrix(i);
+    const mrkit::sense::CornerRuns<Corners> runs{row.kept, column, stride, ch.weights_of(i)};
+    if (ch.valid[i] == n) return runs.all(n * L.fd3, out);
+    for (int c = 0; c < L.fd3; ++c)
+        for (int m = 0; m < n; ++m)
+            if (rows[m] >= 0) out[rows[m] + static_cast<size_t>(c) * n] = runs.at(c * n + m);
+}
+
+// Each voxel's M, or its pair, when the chunk is not dense. Returns the corner counts of the
+// pairs (4 | 8).
+int voxel_matrices(const Layout& L, const Row& row, CornerRows& rows, Chunk& ch) {
+    const int n = row.n;
+    int kinds = 0;
+    for (int i = 0; i < ch.active; ++i) {
         ch.pairOf[i] = -1;
         const int corners = ch.corners[i];
-        const int* rows = ch.rows(i);
-        cf* out = ch.matrix(i);
         if (corners == 0) {
-            const Sample& sx = L.xs[ch.x[i]];
-            const mrkit::Corners<double> at(sx.lower + row.rowBase, L.F0, L.gridPlane, L.V, sx.fraction,
-                                            row.sy->fraction, row.sz->fraction);
-            for (int c = 0; c < L.fd3; ++c)
-                for (int m = 0; m < n; ++m)
-                    if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * n] =
-                            narrow(at.apply(L.factors + static_cast<size_t>(c * n + m) * L.V));
+            matrix_from_factors(L, row, i, ch);
             continue;
         }
-        keep_rows(corners);
-        const int column = L.xs[ch.x[i]].lower - lo;
+        rows.fetch(corners);
+        const int column = L.xs[ch.x[i]].lower - rows.lo;
         if (L.kernels.pairs && ch.valid[i] == n && paired(n, L.fd3)) {
             // With the next voxel when that is the neighbour in x and in grid columns and alike;
             // otherwise the other half holds the next grid column's factors, unused.
             const bool two = i + 1 < ch.active && ch.corners[i + 1] == corners &&
                              ch.valid[i + 1] == n && ch.x[i + 1] == ch.x[i] + 1 &&
-                             L.xs[ch.x[i + 1]].lower - lo == column + 1;
+                             L.xs[ch.x[i + 1]].lower - rows.lo == column + 1;
             const int p = ch.pairs++;
             ch.first[p] = i;
             ch.two[p] = two;
@@ -218,29 +247,27 @@ void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) 
             if (two) ch.pairOf[++i] = p;
             continue;
         }
-        const auto one = [&](const auto& runs) {
-            if (ch.valid[i] == n) return runs.all(count, out);
-            for (int c = 0; c < L.fd3; ++c)
-                for (int m = 0; m < n; ++m)
-                    if (rows[m] >= 0)
-                        out[rows[m] + static_cast<size_t>(c) * n] = runs.at(c * n + m);
-        };
         if (corners == 4)
-            one(mrkit::sense::CornerRuns<4>{row.kept, column, stride, ch.weights_of(i)});
+            matrix_from_rows<4>(L, row, i, column, rows.stride(), ch);
         else
-            one(mrkit::sense::CornerRuns<8>{row.kept, column, stride, ch.weights_of(i)});
+            matrix_from_rows<8>(L, row, i, column, rows.stride(), ch);
     }
-#ifdef MRKIT_LANES
+    return kinds;
+}
+
+// The pairs' interleaved matrices, or where the pair products read them in place.
+void pair_matrices(const Row& row, const CornerRows& rows, int kinds, Chunk& ch) {
+    const int stride = rows.stride(), count = rows.count;
     // On the grid the weights but the lower corner's are 0, and with finite corners they add
     // zeros: the factors are the lower corner's, read narrowed from its kept row. (Only a -0
     // factor could come out otherwise, as +0; no output shows the sign of a zero factor, since
     // every coil product is added to a zero at its end.)
-    if (ch.pairs > 0 && cache.narrowed && row.finite) {
+    if (rows.cache.narrowed && row.finite) {
         ch.grid = row.narrowed[0];
-        ch.gridStep = cache.narrow.stride();
+        ch.gridStep = rows.cache.narrow.stride();
         return;
     }
-    if (cache.narrowed) {
+    if (rows.cache.narrowed) {
         // Rows not all finite: the weighted sums voxel by voxel from the factors where they lie,
         // since a pair's read of the next columns could pass the end of the factor vector.
         for (int p = 0; p < ch.pairs; ++p)
@@ -256,17 +283,31 @@ void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) 
             }
         return;
     }
+#ifdef MRKIT_LANES
+    const double* weights = ch.sharedWeights ? ch.shared : ch.weight.data();
+    const int weightStep = ch.sharedWeights ? 0 : 8;
     if (kinds & 4)
         mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.first.data(),
-                                    ch.two.data(), ch.corners.data(), ch.column.data(),
-                                    ch.sharedWeights ? ch.shared : ch.weight.data(),
-                                    ch.sharedWeights ? 0 : 8, ch.P.data(), ch.pair_stride());
+                                    ch.two.data(), ch.corners.data(), ch.column.data(), weights,
+                                    weightStep, ch.P.data(), ch.pair_stride());
     if (kinds & 8)
         mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.first.data(),
-                                    ch.two.data(), ch.corners.data(), ch.column.data(),
-                                    ch.sharedWeights ? ch.shared : ch.weight.data(),
-                                    ch.sharedWeights ? 0 : 8, ch.P.data(), ch.pair_stride());
+                                    ch.two.data(), ch.corners.data(), ch.column.data(), weights,
+                                    weightStep, ch.P.data(), ch.pair_stride());
 #endif
+}
+
+}  // namespace
+
+// M of every voxel with signal, n x coils: with every position carrying signal all blocks in order
+// (or interleaved with the pair's other voxel), otherwise the rows with signal first and the rest
+// unused, as the product still takes them.
+void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) {
+    CornerRows rows{L, row, cache, lo, row.n * L.fd3};
+    ch.pairs = 0;
+    ch.grid = nullptr;
+    const int kinds = dense_pairs(L, row.n, rows, ch) ? ch.uniform : voxel_matrices(L, row, rows, ch);
+    if (ch.pairs > 0) pair_matrices(row, rows, kinds, ch);
 }
 
 }  // namespace mrkit::sense::unfolding
