@@ -39,10 +39,10 @@ struct Plan {
     Eigen::VectorXi folded13, sens13, out13, reg13;
     Eigen::VectorXi folded4, sens4, full3, factorDims;
     Eigen::VectorXi folded7, out7;
-    Eigen::Vector3f R;             // reduction factors, full / folded per axis
-    Eigen::MatrixXcd noiseCov;     // the identity when no covariance is given
-    bool regularise;               // a reference and a prior image are given
-    double lambda = 0.0;           // regularisation weight
+    Eigen::Vector3f R;              // reduction factors, full / folded per axis
+    Eigen::MatrixXcd noiseCov;      // the identity when no covariance is given
+    bool regularise;                // a reference and a prior image are given
+    double lambda = 0.0;            // regularisation weight
     int sets, sensBlock, regBlock;  // sensitivity sets; elements of one set's maps, prior image
     int foldedTotal, outTotal;
     bool volumesApart;  // each unfolding writes within its own output volume
@@ -65,7 +65,8 @@ struct Plan {
           regularise(refRe && regRe) {
         if (noiseRe)
             for (int c = 0, i = 0; c < noiseCov.cols(); ++c)
-                for (int r = 0; r < noiseCov.rows(); ++r, ++i) noiseCov(r, c) = {noiseRe[i], noiseIm[i]};
+                for (int r = 0; r < noiseCov.rows(); ++r, ++i)
+                    noiseCov(r, c) = {noiseRe[i], noiseIm[i]};
         full3 << fullDims[0], fullDims[1], fullDims[2];
         R[0] = static_cast<float>(fullDims[0]) / static_cast<float>(folded13[0]);
         R[1] = static_cast<float>(fullDims[1]) / static_cast<float>(folded13[1]);
@@ -155,8 +156,8 @@ int sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims,
                 int nRegDims, const int* regDims, double regScale, float* outRe, float* outIm,
                 const int* outDims) {
     const Plan plan(foldedRe, foldedIm, nFoldedDims, foldedDims, nSensDims, sensDims, noiseRe,
-                    noiseIm, noiseDims, fullDims, refRe, refIm, nRefDims, refDims, regRe,
-                    nRegDims, regDims, regScale, outDims);
+                    noiseIm, noiseDims, fullDims, refRe, refIm, nRefDims, refDims, regRe, nRegDims,
+                    regDims, regScale, outDims);
     // Zeroed: the factor interpolation can reach entries no voxel of the current set wrote. By
     // all threads, each its own block.
     Eigen::VectorXcd factors(plan.factorDims.prod());
@@ -207,10 +208,10 @@ int MR_sense_recon_voxelwise(const float* foldedRe, const float* foldedIm, int n
                              const float* noiseIm, int /*nNoiseDims*/, const int* noiseDims,
                              const int* fullDims, const float* refRe, const float* refIm,
                              int nRefDims, const int* refDims, const float* regRe,
-                             const float* regIm, int nRegDims, const int* regDims,
-                             double regScale, float* outRe, float* outIm, const int* outDims) {
-    return sense_recon<Validity::Voxel>(foldedRe, foldedIm, nFoldedDims, foldedDims, sensRe,
-                                        sensIm, nSensDims, sensDims, noiseRe, noiseIm, noiseDims,
-                                        fullDims, refRe, refIm, nRefDims, refDims, regRe, regIm,
-                                        nRegDims, regDims, regScale, outRe, outIm, outDims);
+                             const float* regIm, int nRegDims, const int* regDims, double regScale,
+                             float* outRe, float* outIm, const int* outDims) {
+    return sense_recon<Validity::Voxel>(foldedRe, foldedIm, nFoldedDims, foldedDims, sensRe, sensIm,
+                                        nSensDims, sensDims, noiseRe, noiseIm, noiseDims, fullDims,
+                                        refRe, refIm, nRefDims, refDims, regRe, regIm, nRegDims,
+                                        regDims, regScale, outRe, outIm, outDims);
 }

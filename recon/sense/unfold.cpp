@@ -75,8 +75,8 @@ MRKIT_INLINE void chunk_pairs(Chunk* ch, int n, int coils, int x0) {
     const int step = ch->pair_step();
     for (int p = 0; p < ch->pairs; ++p)
         products::two_voxels<Coils, Rows>(
-            products::Interleaved{ch->pair_matrix(p), values + (ch->x[ch->first[p]] - x0), step,
-                                  n, Chunk::kLength, ch->pair_result(p)},
+            products::Interleaved{ch->pair_matrix(p), values + (ch->x[ch->first[p]] - x0), step, n,
+                                  Chunk::kLength, ch->pair_result(p)},
             n, coils);
 }
 
@@ -261,8 +261,8 @@ class Scatter {
 
 // The chunk's coil values, coil by coil along the row, so that the coils' rows (a volume apart)
 // are not all read at once.
-void gather_values(const Layout& L, int rowStart, int x0, int x1,
-                   const mrkit::sense::Volume& vol, Chunk& ch) {
+void gather_values(const Layout& L, int rowStart, int x0, int x1, const mrkit::sense::Volume& vol,
+                   Chunk& ch) {
     for (int c = 0; c < L.fd3; ++c) {
         const float* re = vol.foldedRe + rowStart + c * L.foldedVolume;
         const float* im = vol.foldedIm ? vol.foldedIm + rowStart + c * L.foldedVolume : nullptr;
@@ -302,10 +302,10 @@ void voxel_products(const Layout& L, int n, int x0, bool pairsDone, Chunk& ch,
         if (L.kernels.pairs && kPairProducts && L.fd3 < kBlockedColumns && n >= 2) {
             const bool pair = i + 1 < ch.active && ch.pairOf[i + 1] < 0;
             const int k = pair ? i + 1 : i;
-            L.kernels.two_voxels({ch.matrix(i), ch.matrix(k), values + (x - x0),
-                                  values + (ch.x[k] - x0), n, n, Chunk::kLength, ch.u.data(),
-                                  ch.u2.data()},
-                                 n, L.fd3);
+            L.kernels.two_voxels(
+                {ch.matrix(i), ch.matrix(k), values + (x - x0), values + (ch.x[k] - x0), n, n,
+                 Chunk::kLength, ch.u.data(), ch.u2.data()},
+                n, L.fd3);
             scatter.voxel(ch, i, ch.u.data());
             if (pair) scatter.voxel(ch, ++i, ch.u2.data());
             continue;
@@ -316,8 +316,8 @@ void voxel_products(const Layout& L, int n, int x0, bool pairsDone, Chunk& ch,
 }
 
 // The chunk's voxels of one volume: u = M v per voxel, scattered to its aliased positions.
-void unfold_chunk(const Layout& L, const Row& row, int x0, int x1,
-                  const mrkit::sense::Volume& vol, Chunk& ch, std::atomic<int>& status) {
+void unfold_chunk(const Layout& L, const Row& row, int x0, int x1, const mrkit::sense::Volume& vol,
+                  Chunk& ch, std::atomic<int>& status) {
     // Every voxel with signal is out of range when there are no coils (the folded offset
     // reaches the end at once); otherwise none is.
     const int rowStart = row.y * L.fd0 + row.z * L.foldedPlane;

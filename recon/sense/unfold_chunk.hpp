@@ -29,8 +29,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "recon/recon.hpp"
 #include "recon/lanes.hpp"
+#include "recon/recon.hpp"
 #include "recon/sense/factor_rows.hpp"
 #include "recon/sense/unfold_products.hpp"
 

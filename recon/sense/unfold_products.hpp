@@ -99,9 +99,7 @@ struct OneVoxel {
     const cf *M, *v;
     Index ld, vstride;
     cf* u;
-    MRKIT_INLINE Float4 matrix(Index i, Index j) const {
-        return load_cf<Float4>(M + i + j * ld);
-    }
+    MRKIT_INLINE Float4 matrix(Index i, Index j) const { return load_cf<Float4>(M + i + j * ld); }
     MRKIT_INLINE Float4 vector(Index j) const { return twice(v + j * vstride); }
     MRKIT_INLINE Float4 result(Index i) const { return load_cf<Float4>(u + i); }
     MRKIT_INLINE void store(Index i, const Float4& x) const { store_cf(u + i, x); }
@@ -120,8 +118,12 @@ struct TwoVoxels {
         return join(twice(va + j * vstride), twice(vb + j * vstride));
     }
     // Entry (i, j) of a, then of b; entry j of a's vector, then of b's.
-    MRKIT_INLINE Float4 entries(Index i, Index j) const { return two(Ma + i + j * lda, Mb + i + j * ldb); }
-    MRKIT_INLINE Float4 vector_entries(Index j) const { return two(va + j * vstride, vb + j * vstride); }
+    MRKIT_INLINE Float4 entries(Index i, Index j) const {
+        return two(Ma + i + j * lda, Mb + i + j * ldb);
+    }
+    MRKIT_INLINE Float4 vector_entries(Index j) const {
+        return two(va + j * vstride, vb + j * vstride);
+    }
     MRKIT_INLINE void last_row(Index i, Index cols) const {
         products::last_row(Ma + i, lda, 0, cols, va, vstride, ua + i, true);
         products::last_row(Mb + i, ldb, 0, cols, vb, vstride, ub + i, true);
@@ -152,7 +154,9 @@ struct Interleaved {
         return join(x, x);
     }
     MRKIT_INLINE void store(Index i, const Float8& x) const { store_cf(U + 2 * i, x); }
-    MRKIT_INLINE Float4 entries(Index i, Index j) const { return load_cf<Float4>(P + (i + j * rows) * step); }
+    MRKIT_INLINE Float4 entries(Index i, Index j) const {
+        return load_cf<Float4>(P + (i + j * rows) * step);
+    }
     MRKIT_INLINE Float4 vector_entries(Index j) const { return load_cf<Float4>(v + j * vstride); }
     MRKIT_INLINE void last_row(Index i, Index cols) const {
         const Index column = rows * step;
@@ -198,7 +202,8 @@ template <int Cols, class Source>
 MRKIT_INLINE void last_rows(const Source& s, Index i, Index cols) {
     if (Cols > 0) cols = Cols;
     Float4 sum = {};
-    for (Index j = 0; j < cols; ++j) sum = sum + complex_times(s.entries(i, j), s.vector_entries(j));
+    for (Index j = 0; j < cols; ++j)
+        sum = sum + complex_times(s.entries(i, j), s.vector_entries(j));
     const Float4 one = {1.0f, 0.0f, 1.0f, 0.0f};
     const Float4 u = Float4{} + complex_times(one, sum);
     if (lanes::any_nan(u))
@@ -220,17 +225,17 @@ MRKIT_INLINE void two_voxels(const Source& s, Index rows, Index cols) {
 
 // u = M v for one voxel: M rows x cols (rows >= 1) with leading dimension ld, entry j of v at
 // v[j * vstride].
-inline void matrix_vector(const cf* M, Index ld, Index rows, Index cols, const cf* v,
-                          Index vstride, cf* u) {
+inline void matrix_vector(const cf* M, Index ld, Index rows, Index cols, const cf* v, Index vstride,
+                          cf* u) {
 #ifdef MRKIT_SMALL_PRODUCTS
     if (rows == 1) return products::single_row(M, ld, cols, v, vstride, u);
-    const Index block =
-        cols < kBlockedColumns ? cols : (ld * Index(sizeof(cf)) < 32000 ? 16 : 4);
+    const Index block = cols < kBlockedColumns ? cols : (ld * Index(sizeof(cf)) < 32000 ? 16 : 4);
     const products::OneVoxel s{M, v, ld, vstride, u};
     for (Index j0 = 0; j0 < cols; j0 += block) {
         const Index j1 = std::min(j0 + block, cols);
         products::row_pairs<0>(s, rows, j0, j1);
-        if (rows % 2) products::last_row(M + rows - 1, ld, j0, j1, v, vstride, u + rows - 1, j0 == 0);
+        if (rows % 2)
+            products::last_row(M + rows - 1, ld, j0, j1, v, vstride, u + rows - 1, j0 == 0);
     }
 #else
     using Matrix = Eigen::Map<const Eigen::MatrixXcf, 0, Eigen::OuterStride<> >;

@@ -40,7 +40,8 @@ struct CornerKinds {
 
 // Either part of the factor non-zero (or not a number).
 inline bool signal(const cd* f) {
-    const auto part = lanes::load<lanes::Double2>(reinterpret_cast<const double*>(f)) != lanes::Double2{};
+    const auto part =
+        lanes::load<lanes::Double2>(reinterpret_cast<const double*>(f)) != lanes::Double2{};
     return (part[0] | part[1]) != 0;
 }
 
@@ -49,7 +50,8 @@ inline bool signal(const cd* f) {
 // voxel with signal everywhere takes its rows in order.
 template <int N>
 void find_signal_run(const Layout& L, const Row& row, int x0, int x1, int corners, Chunk& ch) {
-    const cd* f = L.factors + row.sz->nearest * L.gridPlane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
+    const cd* f =
+        L.factors + row.sz->nearest * L.gridPlane + row.sy->nearest * L.F0 + L.xs[x0].nearest;
     bool all;
     L.kernels.all_signal(f, L.V, N, x1 - x0, &all);
     if (all) {
@@ -177,7 +179,8 @@ struct CornerRows {
 // neighbours pair up in order, as voxel_matrices would pair them.
 bool dense_pairs(const Layout& L, int n, CornerRows& rows, Chunk& ch) {
     ch.dense = L.kernels.pairs && n >= 2 && paired(n, L.fd3) && ch.uniform > 0 &&
-               ch.full == ch.active && L.unitColumns && ch.x[ch.active - 1] - ch.x[0] == ch.active - 1;
+               ch.full == ch.active && L.unitColumns &&
+               ch.x[ch.active - 1] - ch.x[0] == ch.active - 1;
     if (!ch.dense) return false;
     rows.fetch(ch.uniform);
     const int column = L.xs[ch.x[0]].lower - rows.lo;
@@ -306,7 +309,8 @@ void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch) 
     CornerRows rows{L, row, cache, lo, row.n * L.fd3};
     ch.pairs = 0;
     ch.grid = nullptr;
-    const int kinds = dense_pairs(L, row.n, rows, ch) ? ch.uniform : voxel_matrices(L, row, rows, ch);
+    const int kinds =
+        dense_pairs(L, row.n, rows, ch) ? ch.uniform : voxel_matrices(L, row, rows, ch);
     if (ch.pairs > 0) pair_matrices(row, rows, kinds, ch);
 }
 

@@ -169,7 +169,8 @@ TEST(Unfold, CoilProductsGiveEigensBits) {
         const float* y = reinterpret_cast<const float*>(b.data());
         for (int i = 0; i < 2 * rows; ++i)
             if (!(std::isnan(x[i]) && std::isnan(y[i])) && std::memcmp(x + i, y + i, 4))
-                return ::testing::AssertionFailure() << "part " << i << ": " << x[i] << " vs " << y[i];
+                return ::testing::AssertionFailure()
+                       << "part " << i << ": " << x[i] << " vs " << y[i];
         return ::testing::AssertionSuccess();
     };
     std::mt19937 gen(2024);
@@ -191,8 +192,8 @@ TEST(Unfold, CoilProductsGiveEigensBits) {
         const unsigned odds = round % 3 == 0 ? 0 : round % 3 == 1 ? 2 : 20;
         const int rows = 1 + static_cast<int>(gen() % 9);
         const int ld = rows + static_cast<int>(gen() % 3);
-        const int cols = round % 50 == 0 ? 120 + static_cast<int>(gen() % 90)
-                                         : 1 + static_cast<int>(gen() % 16);
+        const int cols =
+            round % 50 == 0 ? 120 + static_cast<int>(gen() % 90) : 1 + static_cast<int>(gen() % 16);
         const int stride = 1 + static_cast<int>(gen() % 3);
         Eigen::MatrixXcf M[2], xs[2];
         Eigen::VectorXcf expected[2], got[2];
