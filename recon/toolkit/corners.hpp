@@ -7,9 +7,8 @@
 #pragma once
 
 #include <complex>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+
+#include "recon/lanes.hpp"
 
 namespace mrkit {
 
@@ -87,19 +86,14 @@ struct Corners {
     __attribute__((noinline)) std::complex<double> apply(const std::complex<double>* data) const {
         const int n = Fixed > 0 ? Fixed : count;
         if (n == 0) return 0.0;
-#if defined(__SSE2__)
+        using lanes::Double2;
         const auto term = [&](int c) {
-            return _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(data + offset[c])),
-                              _mm_set1_pd(weight[c]));
+            return lanes::load<Double2>(reinterpret_cast<const double*>(data + offset[c])) *
+                   lanes::splat<Double2>(weight[c]);
         };
-        __m128d sum = term(0);
-        for (int c = 1; c < n; ++c) sum = _mm_add_pd(sum, term(c));
-        alignas(16) double out[2];
-        _mm_store_pd(out, sum);
-        return {out[0], out[1]};
-#else
-        return sum<std::complex<double>, Fixed>([data](int q) { return data[q]; }, n);
-#endif
+        Double2 sum = term(0);
+        for (int c = 1; c < n; ++c) sum = sum + term(c);
+        return {sum[0], sum[1]};
     }
 };
 
