@@ -137,17 +137,19 @@ void all_signal32(Args... args) {
 
 }  // namespace
 
-Kernels::Kernels() {
+const Kernels& Kernels::chosen() {
     using Gather = decltype(gather);
     using AllSignal = decltype(all_signal);
     using PairProducts = decltype(pair_products);
     using TwoVoxels = decltype(two_voxels);
-    const bool wide = lanes::pick(false, true);
-    pairs = wide;
-    gather = wide ? static_cast<Gather>(gather32) : static_cast<Gather>(gather16);
-    all_signal = wide ? static_cast<AllSignal>(all_signal32) : static_cast<AllSignal>(all_signal16);
-    pair_products = lanes::pick<PairProducts>(pair_products_baseline, pair_products_avx2);
-    two_voxels = lanes::pick<TwoVoxels>(two_voxels_baseline, two_voxels_avx2);
+    static const Kernels baseline{false, static_cast<Gather>(gather16),
+                                  static_cast<AllSignal>(all_signal16),
+                                  static_cast<PairProducts>(pair_products_baseline),
+                                  static_cast<TwoVoxels>(two_voxels_baseline)};
+    static const Kernels avx2{
+        true, static_cast<Gather>(gather32), static_cast<AllSignal>(all_signal32),
+        static_cast<PairProducts>(pair_products_avx2), static_cast<TwoVoxels>(two_voxels_avx2)};
+    return *lanes::pick(&baseline, &avx2);
 }
 
 }  // namespace mrkit::sense::unfolding

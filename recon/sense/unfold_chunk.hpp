@@ -123,7 +123,8 @@ struct Kernels {
     void (*pair_products)(Chunk* ch, int n, int coils, int x0);
     // The coil products of two voxels whose matrices lie apart (n >= 2 rows).
     void (*two_voxels)(products::TwoVoxels s, Index rows, Index cols);
-    Kernels();
+    // The kernels for this processor (and MRKIT_NO_AVX2).
+    static const Kernels& chosen();
 };
 
 // What every thread reads: sizes, sampling of the factor grid and aliased positions.
@@ -140,7 +141,7 @@ struct Layout {
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
-    Kernels kernels;
+    const Kernels& kernels = Kernels::chosen();
 
     Layout(const Eigen::VectorXi& foldedDims, const Eigen::VectorXcd& f,
            const Eigen::VectorXi& factorDims, const Eigen::VectorXi& fullDims,
