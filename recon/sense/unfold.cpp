@@ -301,7 +301,7 @@ void voxel_products(const Layout& L, int n, int x0, bool pairsDone, Chunk& ch,
         // decides the bits of the used ones); a voxel without a neighbour goes through the same
         // kernel paired with itself, so that which voxels pair up (it depends on the threads'
         // blocks) cannot change the bits, not even of a NaN.
-        if (L.kernels.pairs && kPairProducts && L.fd3 < kBlockedColumns && n >= 2) {
+        if (L.kernels.pairs && kEigenOrders && L.fd3 < kBlockedColumns && n >= 2) {
             const bool pair = i + 1 < ch.active && ch.pairOf[i + 1] < 0;
             const int k = pair ? i + 1 : i;
             L.kernels.two_voxels(

@@ -86,7 +86,7 @@ constexpr int kMaxSlots = 64;
 // fewer than kBlockedColumns coils; a single position reads its half of the interleaved matrix
 // through a stride.
 inline bool paired(int n, int coils) {
-    return n == 1 || (kPairProducts && coils < kBlockedColumns);
+    return n == 1 || (kEigenOrders && coils < kBlockedColumns);
 }
 
 // Calls f with the number of aliased positions n as a compile-time constant from 2 to 4, so that

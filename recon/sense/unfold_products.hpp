@@ -8,12 +8,12 @@
 #pragma once
 
 #include <Eigen/Dense>
+#include <algorithm>
 #include <climits>
 #include <complex>
 #include <type_traits>
 
 #include "recon/lanes.hpp"
-#include "recon/sense/products.hpp"
 
 namespace mrkit::sense::unfolding {
 
@@ -24,11 +24,15 @@ using Index = Eigen::Index;
 // products take fewer.
 constexpr int kBlockedColumns = 128;
 
-// Whether the two-voxel products give Eigen's bits: only where Eigen itself uses SSE2 packets.
-#ifdef MRKIT_SMALL_PRODUCTS
-constexpr bool kPairProducts = true;
+// Whether this build's Eigen takes the orders repeated here: 3.4 with SSE2 packets of two
+// complex<float>. Elsewhere the product is Eigen's expression and voxels do not pair.
+constexpr bool kEigenOrders =
+#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
+    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
+    !EIGEN_VERSION_AT_LEAST(3, 4, 90)
+    true;
 #else
-constexpr bool kPairProducts = false;
+    false;
 #endif
 
 namespace products {
@@ -227,7 +231,14 @@ MRKIT_INLINE void two_voxels(const Source& s, Index rows, Index cols) {
 // v[j * vstride].
 inline void matrix_vector(const cf* M, Index ld, Index rows, Index cols, const cf* v, Index vstride,
                           cf* u) {
-#ifdef MRKIT_SMALL_PRODUCTS
+    if (!kEigenOrders) {
+        using Matrix = Eigen::Map<const Eigen::MatrixXcf, 0, Eigen::OuterStride<> >;
+        using Vector = Eigen::Map<const Eigen::VectorXcf, 0, Eigen::InnerStride<> >;
+        Eigen::Map<Eigen::VectorXcf>(u, rows).noalias() =
+            Matrix(M, rows, cols, Eigen::OuterStride<>(ld)) *
+            Vector(v, cols, Eigen::InnerStride<>(vstride));
+        return;
+    }
     if (rows == 1) return products::single_row(M, ld, cols, v, vstride, u);
     const Index block = cols < kBlockedColumns ? cols : (ld * Index(sizeof(cf)) < 32000 ? 16 : 4);
     const products::OneVoxel s{M, v, ld, vstride, u};
@@ -237,13 +248,6 @@ inline void matrix_vector(const cf* M, Index ld, Index rows, Index cols, const c
         if (rows % 2)
             products::last_row(M + rows - 1, ld, j0, j1, v, vstride, u + rows - 1, j0 == 0);
     }
-#else
-    using Matrix = Eigen::Map<const Eigen::MatrixXcf, 0, Eigen::OuterStride<> >;
-    using Vector = Eigen::Map<const Eigen::VectorXcf, 0, Eigen::InnerStride<> >;
-    Eigen::Map<Eigen::VectorXcf>(u, rows).noalias() =
-        Matrix(M, rows, cols, Eigen::OuterStride<>(ld)) *
-        Vector(v, cols, Eigen::InnerStride<>(vstride));
-#endif
 }
 
 }  // namespace mrkit::sense::unfolding
