@@ -223,8 +223,8 @@ struct Row {
 
 // One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased
 // positions carry signal, how each voxel's factors are read, its factor matrix M, and the coil
-// values. Voxels with every position carrying signal and the usual corners (from kept rows) go
-// in pairs of neighbours (or alone) through the AVX2 loops; their two matrices are interleaved.
+// values. With the pairing kernels, voxels with every position carrying signal and the usual
+// corners (from kept rows) go in pairs of neighbours (or alone); their two matrices interleaved.
 struct Chunk {
     static constexpr int kLength = 64;
     const int slots, coils;
