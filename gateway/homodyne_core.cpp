@@ -13,6 +13,7 @@
 #include "gateway/homodyne.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
+#include "recon/toolkit/corners.hpp"
 
 namespace {
 
@@ -143,66 +144,54 @@ void split_positions(const float* pos, int n, int* corner, float* fraction) {
     }
 }
 
-// The interpolation of MR_linear_interpolation, bit for bit, over a run of one data row: the
-// eight corners b, b+1, b+lx, b+lx+1 and the same plus the plane, each weighted
-// (w1 * w2) * w3 and summed in that order over the first kCount of them. Sample i has the
-// lower corner b = rowBase + cx[i] (rowBase + i when kContiguous) and the fraction tx[i]
-// along the row; t2, t3 are the row's fractions.
+// The interpolation of MR_linear_interpolation over one data row, by the corner rule of
+// corners.hpp. Sample i has the lower corner b = rowBase + cx[i] (rowBase + i when kContiguous)
+// and the fraction tx[i] along the row; t2, t3 are the row's fractions. Samples that read the
+// first kCount corners all (eight, or the lower four) go through a loop of fixed length, which
+// vectorises; the rest, at the end of the block, take the rule's corners one sample at a time.
 template <int kCount, bool kContiguous>
 void interpolate_run(const float* block, int rowBase, const int* cx, const float* tx, float t2,
                      float t3, int lx, int plane, int begin, int end, float* out) {
-    const int offsets[8] = {0, 1, lx, lx + 1, plane, plane + 1, plane + lx, plane + lx + 1};
+    int offsets[8];
+    for (int c = 0; c < 8; ++c) offsets[c] = mrkit::corner_offset(c, lx, plane);
     const float w2[2] = {1.0f - t2, t2}, w3[2] = {1.0f - t3, t3};
     for (int i = begin; i < end; ++i) {
         const float* d = block + rowBase + (kContiguous ? i : cx[i]);
         const float w1[2] = {1.0f - tx[i], tx[i]};
-        float sum = d[0] * ((w1[0] * w2[0]) * w3[0]);
-        for (int c = 1; c < kCount; ++c)
-            sum += d[offsets[c]] * ((w1[c & 1] * w2[(c >> 1) & 1]) * w3[c >> 2]);
+        float sum = d[0] * mrkit::corner_weight(0, w1, w2, w3);
+        for (int c = 1; c < kCount; ++c) sum += d[offsets[c]] * mrkit::corner_weight(c, w1, w2, w3);
         out[i] = sum;
     }
 }
 
-// Same for samples near the end of the block of N samples, one at a time: only the corners up
-// to the last one, in corner order, inside the block count. A corner past the block is not
-// read: with ly = 1 the corner b+lx+1 can lie at N while a later one lies inside, where
-// MR_linear_interpolation would read one sample beyond the block (with weight 0, as t2 = 0).
-void interpolate_tail(const float* block, int rowBase, const int* cx, const float* tx, float t2,
-                      float t3, int lx, int plane, int N, int begin, int end, float* out) {
-    const int offsets[8] = {0, 1, lx, lx + 1, plane, plane + 1, plane + lx, plane + lx + 1};
-    const float w2[2] = {1.0f - t2, t2}, w3[2] = {1.0f - t3, t3};
-    for (int i = begin; i < end; ++i) {
-        const int b = rowBase + cx[i];
-        const float w1[2] = {1.0f - tx[i], tx[i]};
-        int count = 8;
-        while (count > 0 && b + offsets[count - 1] >= N) --count;
-        float sum = 0.0f;
-        for (int c = 0; c < count; ++c) {
-            if (b + offsets[c] >= N) continue;
-            const float w = (w1[c & 1] * w2[(c >> 1) & 1]) * w3[c >> 2];
-            sum = c == 0 ? block[b] * w : sum + block[b + offsets[c]] * w;
-        }
-        out[i] = sum;
-    }
-}
-
-// One data row of interpolated low-resolution values. Samples whose eight corners lie inside
-// the block come first along the row, then (in the last plane of the block) those whose four
-// lower corners do; the rest meet the end of the block. cx is non-decreasing.
 template <bool kContiguous>
 void interpolate_row(const float* block, int rowBase, const int* cx, const float* tx, float t2,
                      float t3, int lx, int plane, int N, int nx, float* out) {
-    const auto samples_below = [&](int limit) {
-        return static_cast<int>(std::lower_bound(cx, cx + nx, limit - rowBase) - cx);
+    // Lower corners rise along the row (cx is non-decreasing) and the readable count falls.
+    const auto readable = [&](int i) {
+        return mrkit::readable_corners(rowBase + cx[i], lx, plane, N);
     };
-    const int all8 = samples_below(N - plane - lx - 1);
+    const auto end_of = [&](int begin, int count) {
+        int lo = begin, hi = nx;
+        while (lo < hi) {
+            const int mid = lo + (hi - lo) / 2;
+            if (readable(mid) == count)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        return lo;
+    };
+    const int all8 = end_of(0, 8);
     interpolate_run<8, kContiguous>(block, rowBase, cx, tx, t2, t3, lx, plane, 0, all8, out);
     int done = all8;
-    if (rowBase + plane >= N) {
-        done = std::max(done, samples_below(N - lx - 1));
+    if (all8 < nx && readable(all8) == 4) {
+        done = end_of(all8, 4);
         interpolate_run<4, kContiguous>(block, rowBase, cx, tx, t2, t3, lx, plane, all8, done, out);
     }
-    interpolate_tail(block, rowBase, cx, tx, t2, t3, lx, plane, N, done, nx, out);
+    for (int i = done; i < nx; ++i)
+        out[i] = mrkit::Corners<float>(rowBase + cx[i], lx, plane, N, tx[i], t2, t3)
+                     .apply<float>([block](int q) { return block[q]; });
 }
 
 }  // namespace

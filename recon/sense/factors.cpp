@@ -18,7 +18,7 @@
 #include "recon/cpu.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
-#include "recon/sense/corners.hpp"
+#include "recon/toolkit/corners.hpp"
 #include "recon/sense/products.hpp"
 #include "recon/sense/validity.hpp"
 

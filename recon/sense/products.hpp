@@ -13,12 +13,6 @@
 #include <limits>
 #include <type_traits>
 
-namespace mrkit::small {
-// From this many columns on, Eigen's matrix-vector product sums them in blocks; the paired AVX2
-// kernels below take fewer.
-constexpr int kBlockedColumns = 128;
-}  // namespace mrkit::small
-
 #if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
     !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
     !EIGEN_VERSION_AT_LEAST(3, 4, 90)
@@ -275,50 +269,6 @@ inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd
     }
 }
 
-// u = M v for M rows x cols (column-major, leading dimension ld, rows >= 1) with complex<float>
-// entries, as Eigen 3.4's dense product computes it on SSE2 (two complex per packet): a single row
-// is Eigen's inner product (terms summed in order, then scaled by alpha = 1); otherwise the
-// matrix-vector kernel: rows in pairs, each column block accumulated as product + running sum and
-// added to the result as c * alpha + result, an odd last row in scalar arithmetic. The scalar steps
-// use Eigen's complex product formula for the terms and the complex operator for alpha, as Eigen
-// does.
-using Packet2 = Eigen::internal::Packet2cf;
-static_assert(std::is_same<Eigen::internal::packet_traits<cf>::type, Packet2>::value,
-              "two complex<float> per packet expected");
-
-inline void matrix_vector_sse2(const cf* M, Eigen::Index ld, Eigen::Index rows, Eigen::Index cols,
-                               const cf* v, Eigen::Index vstride, cf* u) {
-    using namespace Eigen::internal;
-    const cf alpha(1.0f, 0.0f);
-    if (rows == 1) {
-        cf sum = pmul(M[0], v[0]);
-        for (Eigen::Index j = 1; j < cols; ++j) sum = sum + pmul(M[j * ld], v[j * vstride]);
-        u[0] = cf(0.0f);
-        u[0] += alpha * sum;
-        return;
-    }
-    // The result starts at zero; the first column block adds to that zero.
-    const Eigen::Index block =
-        cols < kBlockedColumns ? cols : (ld * Eigen::Index(sizeof(cf)) < 32000 ? 16 : 4);
-    const Packet2 palpha = pset1<Packet2>(alpha), zero = pset1<Packet2>(cf(0.0f));
-    for (Eigen::Index j2 = 0; j2 < cols; j2 += block) {
-        const Eigen::Index jend = std::min(j2 + block, cols);
-        Eigen::Index i = 0;
-        for (; i + 1 < rows; i += 2) {
-            Packet2 c = zero;
-            for (Eigen::Index j = j2; j < jend; ++j)
-                c = padd(pmul(ploadu<Packet2>(M + i + j * ld), pset1<Packet2>(v[j * vstride])), c);
-            pstoreu(u + i, padd(pmul(c, palpha), j2 == 0 ? zero : ploadu<Packet2>(u + i)));
-        }
-        if (i < rows) {
-            cf c(0.0f);
-            for (Eigen::Index j = j2; j < jend; ++j) c += pmul(M[i + j * ld], v[j * vstride]);
-            if (j2 == 0) u[i] = cf(0.0f);
-            u[i] += alpha * c;
-        }
-    }
-}
-
 #if defined(__x86_64__) && defined(__GNUC__)
 #define MRKIT_AVX2_PAIRS 1
 }  // namespace mrkit::small
@@ -385,118 +335,6 @@ __attribute__((target("avx2"))) inline void times_avx2(const cd* a, Eigen::Index
                            add ? add + pairs : nullptr, ldadd);
 }
 
-// Two complex at a, then two at b.
-__attribute__((target("avx2"))) inline __m256 load_two(const cf* a, const cf* b) {
-    return _mm256_insertf128_ps(
-        _mm256_castps128_ps256(_mm_loadu_ps(reinterpret_cast<const float*>(a))),
-        _mm_loadu_ps(reinterpret_cast<const float*>(b)), 1);
-}
-
-// The complex at a twice, then the one at b twice.
-__attribute__((target("avx2"))) inline __m256 broadcast_two(const cf* a, const cf* b) {
-    const __m128d x = _mm_load_sd(reinterpret_cast<const double*>(a));
-    const __m128d y = _mm_load_sd(reinterpret_cast<const double*>(b));
-    return _mm256_castpd_ps(
-        _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_movedup_pd(x)), _mm_movedup_pd(y), 1));
-}
-
-// The scalar last row of two matrices, as matrix_vector_sse2 does it. Out of line: inlined into
-// each kernel, its sums may be compiled with their operands swapped, which picks the other NaN of
-// two.
-__attribute__((noinline)) inline void last_row_two(const cf* Ma, Eigen::Index lda, const cf* Mb,
-                                                   Eigen::Index ldb, Eigen::Index cols,
-                                                   const cf* va, const cf* vb, Eigen::Index vstride,
-                                                   cf* ua, cf* ub) {
-    const cf one(1.0f, 0.0f);
-    cf a(0.0f), b(0.0f);
-    for (Eigen::Index j = 0; j < cols; ++j) {
-        a += Eigen::internal::pmul(Ma[j * lda], va[j * vstride]);
-        b += Eigen::internal::pmul(Mb[j * ldb], vb[j * vstride]);
-    }
-    *ua = cf(0.0f);
-    *ua += one * a;
-    *ub = cf(0.0f);
-    *ub += one * b;
-}
-
-// matrix_vector_sse2 for two matrices of the same shape (cols < kBlockedColumns) and their vectors
-// at once: the row pairs of both in one 256-bit register, lane by lane the same products and sums
-// (the same swizzles, no fused multiply-add), so that the two running sums advance side by side.
-__attribute__((target("avx2"))) inline void matrix_vector_two_avx2(
-    const cf* Ma, Eigen::Index lda, const cf* Mb, Eigen::Index ldb, Eigen::Index rows,
-    Eigen::Index cols, const cf* va, const cf* vb, Eigen::Index vstride, cf* ua, cf* ub) {
-    const __m256 alpha = _mm256_setr_ps(1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f);
-    Eigen::Index i = 0;
-    for (; i + 1 < rows; i += 2) {
-        __m256 c = _mm256_setzero_ps();
-        for (Eigen::Index j = 0; j < cols; ++j)
-            c = _mm256_add_ps(pmul_avx2(load_two(Ma + i + j * lda, Mb + i + j * ldb),
-                                        broadcast_two(va + j * vstride, vb + j * vstride)),
-                              c);
-        const __m256 u = _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps());
-        _mm_storeu_ps(reinterpret_cast<float*>(ua + i), _mm256_castps256_ps128(u));
-        _mm_storeu_ps(reinterpret_cast<float*>(ub + i), _mm256_extractf128_ps(u, 1));
-    }
-    if (i < rows) last_row_two(Ma + i, lda, Mb + i, ldb, cols, va, vb, vstride, ua + i, ub + i);
-}
-
-// The complex products a b of two lanes, parts as the scalar complex product forms them.
-__attribute__((target("avx2"))) inline __m128 lanes_times(__m128 a, __m128 b) {
-    return _mm_addsub_ps(_mm_mul_ps(_mm_moveldup_ps(a), b),
-                         _mm_mul_ps(_mm_movehdup_ps(a), _mm_shuffle_ps(b, b, 0xB1)));
-}
-
-// The two complex at p.
-__attribute__((target("avx2"))) inline __m128 load_pair(const cf* p) {
-    return _mm_loadu_ps(reinterpret_cast<const float*>(p));
-}
-
-// matrix_vector_two_avx2 (cols < kBlockedColumns) for two matrices interleaved: entry (i, j) of a
-// at P[(i + j rows) step], that of b after it; the vectors of a and b side by side (v[j vstride],
-// then b's). The results go to U interleaved the same way. Cols and Rows > 0 fix the sizes at
-// compile time, so that the loops unroll.
-template <int Cols = 0, int Rows = 0>
-__attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
-    const cf* P, Eigen::Index step, Eigen::Index runtimeRows, Eigen::Index runtimeCols, const cf* v,
-    Eigen::Index vstride, cf* U) {
-    const Eigen::Index cols = Cols > 0 ? Cols : runtimeCols;
-    const Eigen::Index rows = Rows > 0 ? Rows : runtimeRows;
-    const __m256 alpha = _mm256_setr_ps(1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f, 1.0f, 0.0f);
-    Eigen::Index i = 0;
-    const Eigen::Index column = rows * step;  // from one column's entries to the next
-    for (; i + 1 < rows; i += 2) {
-        __m256 c = _mm256_setzero_ps();
-        const cf* a = P + i * step;
-        for (Eigen::Index j = 0; j < cols; ++j, a += column)
-            c = _mm256_add_ps(
-                pmul_avx2(_mm256_insertf128_ps(_mm256_castps128_ps256(load_pair(a)),
-                                               load_pair(a + step), 1),
-                          _mm256_broadcast_ps(reinterpret_cast<const __m128*>(v + j * vstride))),
-                c);
-        _mm256_storeu_ps(reinterpret_cast<float*>(U + 2 * i),
-                         _mm256_add_ps(pmul_avx2(c, alpha), _mm256_setzero_ps()));
-    }
-    if (i < rows) {
-        // The last row of both side by side with last_row_two's products (a.re b.re - a.im b.im,
-        // a.re b.im + a.im b.re) and sums. Its complex product treats one whose parts are both
-        // NaN apart, so a NaN anywhere sends the row through last_row_two itself; otherwise every
-        // step had the same operands and so the same result.
-        __m128 sum = _mm_setzero_ps();
-        const cf* a = P + i * step;
-        for (Eigen::Index j = 0; j < cols; ++j, a += column)
-            sum = _mm_add_ps(
-                sum, lanes_times(load_pair(a),
-                                 _mm_loadu_ps(reinterpret_cast<const float*>(v + j * vstride))));
-        const __m128 u =
-            _mm_add_ps(_mm_setzero_ps(), lanes_times(_mm_setr_ps(1.0f, 0.0f, 1.0f, 0.0f), sum));
-        if (_mm_movemask_ps(_mm_cmpunord_ps(u, u)) == 0) {
-            _mm_storeu_ps(reinterpret_cast<float*>(U + 2 * i), u);
-            return;
-        }
-        last_row_two(P + i * step, column, P + i * step + 1, column, cols, v, v + 1, vstride,
-                     U + 2 * i, U + 2 * i + 1);
-    }
-}
 #endif
 
 // Whether combination_weights computes U for k valid positions and m coils: every product of the
@@ -629,22 +467,6 @@ inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, b
 #endif
     (void)avx2;
     dst.noalias() = a * b.adjoint();
-}
-
-// u = M v, M rows x cols (rows >= 1) with leading dimension ld, entry j of v at v[j * vstride]:
-// the unfolding's coil product.
-inline void matrix_vector(const std::complex<float>* M, Eigen::Index ld, Eigen::Index rows,
-                          Eigen::Index cols, const std::complex<float>* v, Eigen::Index vstride,
-                          std::complex<float>* u) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    matrix_vector_sse2(M, ld, rows, cols, v, vstride, u);
-#else
-    using Matrix = Eigen::Map<const Eigen::MatrixXcf, 0, Eigen::OuterStride<> >;
-    using Vector = Eigen::Map<const Eigen::VectorXcf, 0, Eigen::InnerStride<> >;
-    Eigen::Map<Eigen::VectorXcf>(u, rows).noalias() =
-        Matrix(M, rows, cols, Eigen::OuterStride<>(ld)) *
-        Vector(v, cols, Eigen::InnerStride<>(vstride));
-#endif
 }
 
 }  // namespace mrkit::small

@@ -6,6 +6,10 @@
 #include <cstdint>
 #include <vector>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/unfold_volumes.hpp"
@@ -29,6 +33,142 @@ Eigen::VectorXi view7(const Eigen::VectorXi& head, const Eigen::VectorXi& folded
 }
 
 using mrkit::sense::Validity;
+using mrkit::sense::Volume;
+
+// The sizes and derived quantities of one reconstruction, worked out once before the walk over the
+// sensitivity sets. Size arrays are padded with ones to 13 entries; the volume offsets use the
+// seven-entry view (x, y, z, coils, dims 5-7, sets, dims 9-13), the output's view taking its
+// last three entries from the folded sizes.
+struct Plan {
+    Eigen::VectorXi folded13, sens13, out13, reg13;
+    Eigen::VectorXi folded4, sens4, full3, factorDims;
+    Eigen::VectorXi folded7, out7;
+    Eigen::Vector3f R;              // reduction factors, full / folded per axis
+    Eigen::MatrixXcd noiseCov;      // the identity when no covariance is given
+    bool regularise;                // a reference and a prior image are given
+    double lambda = 0.0;            // regularisation weight
+    int sets, sensBlock, regBlock;  // sensitivity sets; elements of one set's maps, prior image
+    int foldedTotal, outTotal;
+    bool volumesApart;  // each unfolding writes within its own output volume
+
+    Plan(const float* foldedRe, const float* foldedIm, int nFoldedDims, const int* foldedDims,
+         int nSensDims, const int* sensDims, const float* noiseRe, const float* noiseIm,
+         const int* noiseDims, const int* fullDims, const float* refRe, const float* refIm,
+         int nRefDims, const int* refDims, const float* regRe, int nRegDims, const int* regDims,
+         double regScale, const int* outDims)
+        : folded13(pad13(foldedDims, nFoldedDims)),
+          sens13(pad13(sensDims, nSensDims)),
+          out13(pad13(outDims, nFoldedDims)),
+          folded4(folded13.head(4)),
+          sens4(sens13.head(4)),
+          full3(3),
+          factorDims(4),
+          folded7(view7(folded13, folded13)),
+          out7(view7(out13, folded13)),
+          noiseCov(Eigen::MatrixXcd::Identity(noiseDims[0], noiseDims[1])),
+          regularise(refRe && regRe) {
+        if (noiseRe)
+            for (int c = 0, i = 0; c < noiseCov.cols(); ++c)
+                for (int r = 0; r < noiseCov.rows(); ++r, ++i)
+                    noiseCov(r, c) = {noiseRe[i], noiseIm[i]};
+        full3 << fullDims[0], fullDims[1], fullDims[2];
+        R[0] = static_cast<float>(fullDims[0]) / static_cast<float>(folded13[0]);
+        R[1] = static_cast<float>(fullDims[1]) / static_cast<float>(folded13[1]);
+        R[2] = nFoldedDims > 2 ? static_cast<float>(fullDims[2]) / static_cast<float>(folded13[2])
+                               : 1.0f;
+        // The factor grid is the sensitivity grid folded by R, with room for every aliased copy.
+        factorDims << sens13[0], static_cast<int>(ceilf(static_cast<float>(sens13[1]) / R[1])),
+            static_cast<int>(ceilf(static_cast<float>(sens13[2]) / R[2])),
+            static_cast<int>(ceilf(R[1])) * static_cast<int>(ceilf(R[2])) * sens13[3];
+        // The prior enters only through the reference's RMS magnitude relative to the data's.
+        if (regularise) {
+            const Eigen::VectorXi ref13 = pad13(refDims, nRefDims);
+            reg13 = pad13(regDims, nRegDims);
+            const double rTot = (static_cast<double>(fullDims[0]) / folded13[0]) *
+                                (static_cast<double>(fullDims[1]) / folded13[1]) *
+                                (static_cast<double>(fullDims[2]) / folded13[2]);
+            const double a = MR_SA(foldedRe, foldedIm, folded13.prod());
+            const double b = MR_SA(refRe, refIm, ref13.prod());
+            const double scaled = (1.0 / regScale) * a / b;
+            lambda = (1.0 / rTot) * (scaled * scaled);
+        }
+        sets = folded13[7];
+        sensBlock = sens13[0] * sens13[1] * sens13[2] * sens13[3];
+        regBlock = regularise ? reg13[0] * reg13[1] * reg13[2] : 0;
+        foldedTotal = folded13.prod();
+        outTotal = out13.prod();
+        volumesApart = static_cast<int64_t>(out13[0]) * out13[1] * out13[2] * out13[3] >=
+                       static_cast<int64_t>(fullDims[0]) * fullDims[1] * fullDims[2];
+    }
+};
+
+// Magnitude of set l's prior image.
+void prior_magnitude(const Plan& plan, int l, const float* regRe, const float* regIm,
+                     Eigen::VectorXf& out) {
+    const float* re = regRe + l * plan.regBlock;
+    const float* im = regIm ? regIm + l * plan.regBlock : nullptr;
+    for (int i = 0; i < plan.regBlock; ++i)
+        out[i] = im ? sqrtf(re[i] * re[i] + im[i] * im[i]) : sqrtf(re[i] * re[i]);
+}
+
+// The volumes of set l up to the first whose offset lies outside the arrays; `outside` says
+// whether one did.
+std::vector<Volume> volumes_of_set(const Plan& plan, int l, const float* foldedRe,
+                                   const float* foldedIm, float* outRe, float* outIm,
+                                   bool& outside) {
+    std::vector<Volume> volumes;
+    Eigen::VectorXi sub = Eigen::VectorXi::Zero(7);
+    sub[5] = l;
+    outside = false;
+    for (int j = 0; j < plan.folded7[4]; ++j)
+        for (int k = 0; k < plan.folded7[6]; ++k) {
+            sub[4] = j;
+            sub[6] = k;
+            const int fo = MR_sub2ind(plan.folded7, sub), oo = MR_sub2ind(plan.out7, sub);
+            if (oo >= plan.outTotal || fo >= plan.foldedTotal) {
+                outside = true;
+                return volumes;
+            }
+            volumes.push_back(
+                {foldedRe + fo, foldedIm ? foldedIm + fo : nullptr, outRe + oo, outIm + oo});
+        }
+    return volumes;
+}
+
+// Unfolds the volumes with the factors of their set; whether some voxel was skipped. One pass over
+// the folded voxels serves all volumes when no two of them write the same output sample;
+// otherwise one after the other, so that the later volume's values stay.
+bool unfold_set(const Plan& plan, const std::vector<Volume>& volumes,
+                const Eigen::VectorXcd& factors, const float* yCompartments,
+                const float* zCompartments) {
+    const auto unfold = [&](const std::vector<Volume>& some) {
+        return mrkit::sense::unfold_volumes(some, plan.folded4, factors, plan.factorDims,
+                                            plan.full3, yCompartments, zCompartments) == -1;
+    };
+    if (volumes.size() <= 1 || plan.volumesApart) return unfold(volumes);
+    bool skipped = false;
+    for (const Volume& v : volumes) skipped |= unfold({v});
+    return skipped;
+}
+
+// The factor vector, zeroed (the factor interpolation can reach entries no voxel of the current
+// set wrote) by all threads, each its own block. Huge pages where the system offers them on
+// request: a fresh vector of tens of megabytes otherwise spends more time in first-touch page
+// faults than the factors and the unfolding take together.
+Eigen::VectorXcd zeroed_factors(Eigen::Index size) {
+    Eigen::VectorXcd factors(size);
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    constexpr uintptr_t kHuge = uintptr_t(1) << 21;
+    const uintptr_t begin =
+        (reinterpret_cast<uintptr_t>(factors.data()) + kHuge - 1) & ~(kHuge - 1);
+    const uintptr_t end = reinterpret_cast<uintptr_t>(factors.data() + size) & ~(kHuge - 1);
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#endif
+    mrkit::parallel_blocks(static_cast<int>(size), [&](int begin, int end) {
+        if (begin < end) factors.segment(begin, end - begin).setZero();
+    });
+    return factors;
+}
 
 template <Validity Rule>
 int sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims,
@@ -38,115 +178,31 @@ int sense_recon(const float* foldedRe, const float* foldedIm, int nFoldedDims,
                 int nRefDims, const int* refDims, const float* regRe, const float* regIm,
                 int nRegDims, const int* regDims, double regScale, float* outRe, float* outIm,
                 const int* outDims) {
-    // The reference walk reports a skipped voxel or map position as success.
-    constexpr bool reportSkips = Rule == Validity::Voxel;
-    int skipped = 0;
-    const int rows = noiseDims[0], cols = noiseDims[1];
-    Eigen::MatrixXcd noiseCov = Eigen::MatrixXcd::Identity(rows, cols);
-    if (noiseRe)
-        for (int c = 0, i = 0; c < cols; ++c)
-            for (int r = 0; r < rows; ++r, ++i) noiseCov(r, c) = {noiseRe[i], noiseIm[i]};
-
-    const Eigen::VectorXi fd13 = pad13(foldedDims, nFoldedDims);
-    const Eigen::VectorXi sd13 = pad13(sensDims, nSensDims);
-    const Eigen::VectorXi od13 = pad13(outDims, nFoldedDims);
-
-    Eigen::Vector3f R;
-    R[0] = static_cast<float>(fullDims[0]) / static_cast<float>(fd13[0]);
-    R[1] = static_cast<float>(fullDims[1]) / static_cast<float>(fd13[1]);
-    R[2] = nFoldedDims > 2 ? static_cast<float>(fullDims[2]) / static_cast<float>(fd13[2]) : 1.0f;
-
-    // The prior enters only through the reference's RMS magnitude relative to the data's.
-    const bool regularise = refRe && regRe;
-    double lambda = 0.0;
-    Eigen::VectorXi rd13;
-    if (regularise) {
-        const Eigen::VectorXi ref13 = pad13(refDims, nRefDims);
-        rd13 = pad13(regDims, nRegDims);
-        const double rTot = (static_cast<double>(fullDims[0]) / fd13[0]) *
-                            (static_cast<double>(fullDims[1]) / fd13[1]) *
-                            (static_cast<double>(fullDims[2]) / fd13[2]);
-        const double a = MR_SA(foldedRe, foldedIm, fd13.prod());
-        const double b = MR_SA(refRe, refIm, ref13.prod());
-        const double scaled = (1.0 / regScale) * a / b;
-        lambda = (1.0 / rTot) * (scaled * scaled);
-    }
-
-    Eigen::VectorXi factorDims(4);
-    factorDims << sd13[0], static_cast<int>(ceilf(static_cast<float>(sd13[1]) / R[1])),
-        static_cast<int>(ceilf(static_cast<float>(sd13[2]) / R[2])),
-        static_cast<int>(ceilf(R[1])) * static_cast<int>(ceilf(R[2])) * sd13[3];
-    // Zeroed: the factor interpolation can reach entries no voxel of the current set wrote. By
-    // all threads, each its own block.
-    Eigen::VectorXcd factors(factorDims.prod());
-    mrkit::parallel_blocks(static_cast<int>(factors.size()), [&](int begin, int end) {
-        if (begin < end) factors.segment(begin, end - begin).setZero();
-    });
-
-    const Eigen::VectorXi fd7 = view7(fd13, fd13), od7 = view7(od13, fd13);
-    Eigen::VectorXi foldedDims4 = fd13.head(4);
-    const Eigen::VectorXi sensDims4 = sd13.head(4);
-    Eigen::VectorXi full3(3);
-    full3 << fullDims[0], fullDims[1], fullDims[2];
-
-    const int regBlock = regularise ? rd13[0] * rd13[1] * rd13[2] : 0;
-    Eigen::VectorXf regImage(regBlock);
-
-    if (fd13[7] < 1) return 1;
-    const int sensBlock = sd13[0] * sd13[1] * sd13[2] * sd13[3];
-    const int outer = fd7[4], inner = fd7[6];
-    const int foldedTotal = fd13.prod(), outTotal = od13.prod();
-    // Output volumes lie volumeStride apart; each unfolding writes within fullVolume samples.
-    const int64_t volumeStride = static_cast<int64_t>(od13[0]) * od13[1] * od13[2] * od13[3];
-    const int64_t fullVolume = static_cast<int64_t>(fullDims[0]) * fullDims[1] * fullDims[2];
-    Eigen::VectorXi sub = Eigen::VectorXi::Zero(7);
-    for (int l = 0; l < fd13[7]; ++l) {
-        if (regularise) {
-            const float* re = regRe + l * regBlock;
-            const float* im = regIm ? regIm + l * regBlock : nullptr;
-            for (int i = 0; i < regBlock; ++i)
-                regImage[i] = im ? sqrtf(re[i] * re[i] + im[i] * im[i]) : sqrtf(re[i] * re[i]);
-        }
+    const Plan plan(foldedRe, foldedIm, nFoldedDims, foldedDims, nSensDims, sensDims, noiseRe,
+                    noiseIm, noiseDims, fullDims, refRe, refIm, nRefDims, refDims, regRe, nRegDims,
+                    regDims, regScale, outDims);
+    Eigen::VectorXcd factors = zeroed_factors(plan.factorDims.prod());
+    Eigen::VectorXf prior(plan.regBlock);
+    Eigen::VectorXi folded4 = plan.folded4;  // the factors' interface takes it mutable
+    bool skipped = false;
+    for (int l = 0; l < plan.sets; ++l) {
+        if (plan.regularise) prior_magnitude(plan, l, regRe, regIm, prior);
         float yCompartments[2] = {-1.0f, -1.0f}, zCompartments[2] = {-1.0f, -1.0f};
-        const int s = l * sensBlock;
+        const int s = l * plan.sensBlock;
         const int factorStatus = mrkit::sense::combination_factors<Rule>(
-            sensRe + s, sensIm ? sensIm + s : nullptr, sensDims4, noiseCov, R, lambda, regImage,
-            factors, foldedDims4, full3, yCompartments, zCompartments);
+            sensRe + s, sensIm ? sensIm + s : nullptr, plan.sens4, plan.noiseCov, plan.R,
+            plan.lambda, prior, factors, folded4, plan.full3, yCompartments, zCompartments);
         if (factorStatus == 0) return -1;
         skipped |= factorStatus == -1;
-
-        // The volumes of this set up to the first offset outside the arrays, which ends the
-        // reconstruction after those before it are unfolded.
-        std::vector<mrkit::sense::Volume> volumes;
-        bool outside = false;
-        for (int j = 0; j < outer && !outside; ++j) {
-            for (int k = 0; k < inner; ++k) {
-                sub[4] = j;
-                sub[5] = l;
-                sub[6] = k;
-                const int fo = MR_sub2ind(fd7, sub), oo = MR_sub2ind(od7, sub);
-                if (oo >= outTotal || fo >= foldedTotal) {
-                    outside = true;
-                    break;
-                }
-                volumes.push_back(
-                    {foldedRe + fo, foldedIm ? foldedIm + fo : nullptr, outRe + oo, outIm + oo});
-            }
-        }
-        // One pass over the folded voxels serves all volumes when no two of them write the same
-        // output sample; otherwise one after the other, so that the later volume's values stay.
-        // Skipped voxels (-1) still count as success.
-        if (volumes.size() <= 1 || volumeStride >= fullVolume) {
-            skipped |= mrkit::sense::unfold_volumes(volumes, foldedDims4, factors, factorDims,
-                                                    full3, yCompartments, zCompartments) == -1;
-        } else {
-            for (const mrkit::sense::Volume& v : volumes)
-                skipped |= mrkit::sense::unfold_volumes({v}, foldedDims4, factors, factorDims,
-                                                        full3, yCompartments, zCompartments) == -1;
-        }
+        // A volume offset outside the arrays ends the reconstruction after those before it.
+        bool outside;
+        const std::vector<Volume> volumes =
+            volumes_of_set(plan, l, foldedRe, foldedIm, outRe, outIm, outside);
+        skipped |= unfold_set(plan, volumes, factors, yCompartments, zCompartments);
         if (outside) return -1;
     }
-    return reportSkips && skipped ? -1 : 1;
+    // The reference rule reports a skipped voxel or map position as success.
+    return Rule == Validity::Voxel && skipped ? -1 : 1;
 }
 
 }  // namespace
@@ -170,10 +226,10 @@ int MR_sense_recon_voxelwise(const float* foldedRe, const float* foldedIm, int n
                              const float* noiseIm, int /*nNoiseDims*/, const int* noiseDims,
                              const int* fullDims, const float* refRe, const float* refIm,
                              int nRefDims, const int* refDims, const float* regRe,
-                             const float* regIm, int nRegDims, const int* regDims,
-                             double regScale, float* outRe, float* outIm, const int* outDims) {
-    return sense_recon<Validity::Voxel>(foldedRe, foldedIm, nFoldedDims, foldedDims, sensRe,
-                                        sensIm, nSensDims, sensDims, noiseRe, noiseIm, noiseDims,
-                                        fullDims, refRe, refIm, nRefDims, refDims, regRe, regIm,
-                                        nRegDims, regDims, regScale, outRe, outIm, outDims);
+                             const float* regIm, int nRegDims, const int* regDims, double regScale,
+                             float* outRe, float* outIm, const int* outDims) {
+    return sense_recon<Validity::Voxel>(foldedRe, foldedIm, nFoldedDims, foldedDims, sensRe, sensIm,
+                                        nSensDims, sensDims, noiseRe, noiseIm, noiseDims, fullDims,
+                                        refRe, refIm, nRefDims, refDims, regRe, regIm, nRegDims,
+                                        regDims, regScale, outRe, outIm, outDims);
 }

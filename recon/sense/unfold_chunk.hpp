@@ -1,5 +1,25 @@
-// What the unfolding's steps share: the sizes and sampling of the factor grid, one (y, z) row
-// of folded voxels, and a thread's scratch for a chunk of that row and its kept factor rows.
+// What the unfolding's steps share. The data model, once:
+//
+// - Folded volume (x, y, z, coil), sizes fd0..fd3; output volume (x, y, z), sizes N0..N2. Only y
+//   and z are folded: folded voxel (x, y, z) holds the aliased output positions (x, yList[iy],
+//   zList[iz]), n = ny * nz of them, numbered m = iy * nz + iz (Aliases, per axis).
+// - Factors: F3 blocks of one factor grid F0 x F1 x F2 (V entries) each. A voxel with n aliased
+//   positions reads block c * n + m for coil c and position m; coil 0's factor at the nearest grid
+//   voxel says whether position m carries signal (not 0 + 0i). A folded index samples the grid at
+//   a coordinate (Sample, per axis), whose lower corner and fractions weigh the corners of
+//   corners.hpp, within each block.
+// - Layout: all of the above that depends only on the sizes, worked out once per call; it also
+//   holds the processor's kernels, chosen once.
+// - Row: the folded voxels (x, y, z) for fixed (y, z); they share n, the aliased y and z, and
+//   the grid rows their corners lie in. A thread walks its x range in strips of grid columns,
+//   row by row, each row in chunks of up to Chunk::kLength voxels.
+// - Chunk: a thread's scratch for one chunk: the voxels with signal (in x order), each voxel's
+//   n x coils factor matrix M (rows with signal first) and the chunk's coil values. With the
+//   pairing kernels, neighbouring voxels whose positions all carry signal go in pairs, their two
+//   matrices interleaved entry by entry (or read in place from narrowed kept rows).
+// - KeptRows: the grid rows (y and y + 1, and one plane on) a row's corners lie in, each block's
+//   run over the strip's columns copied out once, so that the next row of voxels finds half of
+//   its corners there (factor_rows.hpp).
 #pragma once
 
 #include <algorithm>
@@ -9,16 +29,16 @@
 #include <type_traits>
 #include <vector>
 
+#include "recon/lanes.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/factor_rows.hpp"
-#include "recon/sense/products.hpp"
+#include "recon/sense/unfold_products.hpp"
 
 namespace mrkit::sense::unfolding {
 
-// Where one folded index samples the factor grid: the coordinate (never below 0), its nearest
-// grid index for the signal mask, and its lower grid index and fraction for interpolation.
+// Where one folded index samples the factor grid: the nearest grid index of its coordinate (never
+// below 0) for the signal mask, and its lower grid index and fraction for interpolation.
 struct Sample {
-    float coord;
     int nearest, lower;
     double fraction;
 };
@@ -37,7 +57,7 @@ inline std::vector<Sample> samples(int folded, int grid, int fullSize, const flo
         if (gridBounds) c = static_cast<float>(pos2interpolate(c, i, imageBounds, gridBounds));
         if (c < 0) c = 0;
         const int lower = static_cast<int>(c);
-        out[i] = {c, MR_round(c), lower, c - static_cast<float>(lower)};
+        out[i] = {MR_round(c), lower, c - static_cast<float>(lower)};
     }
     return out;
 }
@@ -62,16 +82,11 @@ struct Aliases {
 // Aliased positions per folded voxel up to which the output offsets are kept per row.
 constexpr int kMaxSlots = 64;
 
-// Whether voxels whose positions all carry signal go in pairs: the pair kernels (when built) take
+// Whether voxels whose positions all carry signal may go in pairs: the two-voxel products take
 // fewer than kBlockedColumns coils; a single position reads its half of the interleaved matrix
 // through a stride.
 inline bool paired(int n, int coils) {
-#ifdef MRKIT_AVX2_PAIRS
-    return n == 1 || coils < mrkit::small::kBlockedColumns;
-#else
-    (void)coils;
-    return n == 1;
-#endif
+    return n == 1 || (kEigenOrders && coils < kBlockedColumns);
 }
 
 // Calls f with the number of aliased positions n as a compile-time constant from 2 to 4, so that
@@ -93,10 +108,31 @@ void with_positions(int n, F&& f) {
 // Factor-grid columns of the widest strip a thread works through at a time.
 constexpr int kStripWidth = 264;
 
+struct Chunk;
+
+// The kernels that depend on the processor, chosen once per call. With AVX2, voxels whose
+// positions all carry signal go in pairs of neighbours, two to a 256-bit register, and on the
+// factor grid read their factors from narrowed kept rows; the baseline takes one voxel at a time.
+struct Kernels {
+    bool pairs;
+    // Coil values re[x] + i im[x] (im may be null) for x = x0 .. x1 - 1 into out[x - x0].
+    void (*gather)(const float* re, const float* im, int x0, int x1, cf* out);
+    // Whether each of `count` factors from f, and from f + k V for every k < n, is not 0 + 0i.
+    void (*all_signal)(const cd* f, int V, int n, int count, bool* result);
+    // The coil products of every pair of a chunk's voxels (n rows).
+    void (*pair_products)(Chunk* ch, int n, int coils, int x0);
+    // The coil products of two voxels whose matrices lie apart (n >= 2 rows).
+    void (*two_voxels)(products::TwoVoxels s, Index rows, Index cols);
+    // The kernels for this processor (and MRKIT_NO_AVX2).
+    static const Kernels& chosen();
+};
+
 // What every thread reads: sizes, sampling of the factor grid and aliased positions.
 struct Layout {
     int fd0, fd1, fd2, fd3, N0, N1, N2, F0, F1, F2;
-    int slab, volume, foldedTotal, plane, V, outPlane, outTotal;
+    // Elements of one folded (x, y) plane, of one coil's volume, of all; of one factor-grid plane,
+    // of one block (V); of one output plane, of the output.
+    int foldedPlane, foldedVolume, foldedTotal, gridPlane, V, outPlane, outTotal;
     std::vector<Sample> xs, ys, zs;
     bool oneFraction;  // every x samples the grid at the same fraction (as when F0 = fd0)
     bool allOnGrid;    // that fraction is 0, and every y and z samples the grid at its lower corner
@@ -105,6 +141,7 @@ struct Layout {
     Aliases yAlias, zAlias;
     int slots, blocks;
     const cd* factors;
+    const Kernels& kernels = Kernels::chosen();
 
     Layout(const Eigen::VectorXi& foldedDims, const Eigen::VectorXcd& f,
            const Eigen::VectorXi& factorDims, const Eigen::VectorXi& fullDims,
@@ -119,11 +156,11 @@ struct Layout {
           F0(factorDims[0]),
           F1(factorDims[1]),
           F2(factorDims[2]),
-          slab(fd0 * fd1),
-          volume(slab * fd2),
+          foldedPlane(fd0 * fd1),
+          foldedVolume(foldedPlane * fd2),
           foldedTotal(foldedDims.prod()),
-          plane(F0 * F1),
-          V(plane * F2),
+          gridPlane(F0 * F1),
+          V(gridPlane * F2),
           outPlane(N0 * N1),
           outTotal(outPlane * N2),
           xs(samples(fd0, F0, N0, nullptr)),
@@ -180,14 +217,14 @@ struct Row {
           zList(L.zAlias.of(z_)),
           sy(&L.ys[y_]),
           sz(&L.zs[z_]),
-          rowBase(sy->lower * L.F0 + sz->lower * L.plane),
+          rowBase(sy->lower * L.F0 + sz->lower * L.gridPlane),
           gridRow(sy->lower + sz->lower * L.F1) {}
 };
 
 // One thread's scratch for a run of folded voxels along x (a chunk of one row): which aliased
 // positions carry signal, how each voxel's factors are read, its factor matrix M, and the coil
-// values. Voxels with every position carrying signal and the usual corners (from kept rows) go
-// in pairs of neighbours (or alone) through the AVX2 loops; their two matrices are interleaved.
+// values. With the pairing kernels, voxels with every position carrying signal and the usual
+// corners (from kept rows) go in pairs of neighbours (or alone); their two matrices interleaved.
 struct Chunk {
     static constexpr int kLength = 64;
     const int slots, coils;
@@ -233,6 +270,7 @@ struct Chunk {
           P(static_cast<size_t>(kLength) * pair_stride()),
           U(static_cast<size_t>(kLength) * 2 * s) {}
     int* rows(int i) { return rowOf.data() + static_cast<size_t>(i) * slots; }
+    const int* rows(int i) const { return rowOf.data() + static_cast<size_t>(i) * slots; }
     double* weights(int i) { return weight.data() + static_cast<size_t>(i) * 8; }
     const double* weights_of(int i) { return sharedWeights ? shared : weights(i); }
     cf* matrix(int i) { return M.data() + static_cast<size_t>(i) * slots * coils; }
@@ -253,8 +291,8 @@ struct KeptRows {
     mrkit::sense::FactorRows<cf> narrow;
     // Rows y and y + 1, and in 3-D the same one plane on.
     static int rows(const Layout& L) { return L.F2 > 1 ? 4 : 2; }
-    KeptRows(const Layout& L, bool avx2, int capacity)
-        : narrowed(L.allOnGrid && avx2),
+    KeptRows(const Layout& L, int capacity)
+        : narrowed(L.allOnGrid && L.kernels.pairs),
           exact(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? 0 : rows(L)),
           narrow(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? rows(L) : 0) {}
     void columns(int lo, int width) {
@@ -264,9 +302,9 @@ struct KeptRows {
 };
 
 // Lists the chunk x0 .. x1 - 1 of a row's voxels with signal and how their corners are read.
-void find_signal(const Layout& L, const Row& row, int x0, int x1, bool avx2, Chunk& ch);
+void find_signal(const Layout& L, const Row& row, int x0, int x1, Chunk& ch);
 
 // The factor matrix of every voxel of the chunk listed, or where the pair kernel reads it.
-void interpolate(const Layout& L, Row& row, int lo, bool avx2, KeptRows& cache, Chunk& ch);
+void interpolate(const Layout& L, Row& row, int lo, KeptRows& cache, Chunk& ch);
 
 }  // namespace mrkit::sense::unfolding
