@@ -245,58 +245,6 @@ TEST(SenseRecon, NoSensitivitySetsReturnsWithoutWriting) {
     }
 }
 
-// Also with maps that are zero outside an ellipse: positions flagged earlier in their column
-// then give singular systems, whose not-a-number factors must come out bit for bit alike too.
-// And the same bits without the AVX2 paths, but for the signs of NaNs.
-TEST(SenseRecon, BitIdenticalForAnyThreadCountWithOrWithoutAvx2) {
-    const int coils = 8;
-    const Dims full{23, 40, 10};
-    const Split img = make_object(full[0], full[1], full[2]);
-    Split data = fold(img, coils, 16, 6);
-    const auto L = mixing(coils);
-    add_noise(data, L, coils, 0.01f, 3);
-    Split sens = make_maps(12, 20, 5, coils);
-    for (int c = 0; c < coils; ++c)
-        for (int z = 0; z < 5; ++z)
-            for (int y = 0; y < 20; ++y)
-                for (int x = 0; x < 12; ++x) {
-                    const double u = unit(x, 12) - 0.5, v = unit(y, 20) - 0.5;
-                    if (u * u / 0.16 + v * v / 0.2 > 1.0)
-                        sens.set(x + 12 * (y + 20 * (z + 5 * c)), 0.0f);
-                }
-    const Split psi = covariance(L, coils);
-    Split prior({12, 20, 5});
-    for (size_t i = 0; i < prior.size(); ++i) prior.set(i, 0.5f + 0.001f * (i % 97));
-    Extras e;
-    e.noise = &psi;
-    e.ref = &img;
-    e.reg = &prior;
-
-    Extras noiseOnly, none;
-    noiseOnly.noise = &psi;
-    for (const Extras* extras : {&e, &noiseOnly, &none}) {
-        auto run = [&] {
-            Split out = make_output(data, full);
-            EXPECT_EQ(reconstruct(data, sens, full, out, *extras), 1);
-            return out;
-        };
-        const Split one = with_threads(1, run);
-        // Without the prior the flagged positions without signal make singular systems.
-        EXPECT_EQ(std::any_of(one.re.begin(), one.re.end(), [](float v) { return std::isnan(v); }),
-                  extras != &e);
-        for (int threads : {2, 3}) {
-            const Split many = with_threads(threads, run);
-            EXPECT_TRUE(same_bits(one.re, many.re)) << threads;
-            EXPECT_TRUE(same_bits(one.im, many.im)) << threads;
-        }
-        setenv("MRKIT_NO_AVX2", "1", 1);
-        const Split baseline = with_threads(2, run);
-        unsetenv("MRKIT_NO_AVX2");
-        EXPECT_TRUE(same_values(one.re, baseline.re));
-        EXPECT_TRUE(same_values(one.im, baseline.im));
-    }
-}
-
 // The volumes of a sensitivity set are unfolded in one pass; the result must be that of unfolding
 // them one by one with unfold, in the walk's order (dimensions 5-7 outer, 9-13 inner): for
 // separate output volumes, for output volumes that overlap (the later volume's values stay,

@@ -1,6 +1,6 @@
 // SENSE against the literal reference in tests/support: randomised cases covering 2-D and 3-D,
 // reduction factors from 1 to 5 (non-integer too), 2 x 2, map grids coarser than and equal to
-// the image, correlated noise, a prior, extra dimensions and sensitivity sets, masked maps, NaN
+// the image, images wider than a tile, correlated noise, a prior, extra dimensions and sensitivity sets, masked maps, NaN
 // in maps and data, folded rows longer than the output, and 1 to 64 coils. Every case must give
 // the reference's bits for 1, 2 and 3 threads (any NaN standing for any NaN).
 #include <gtest/gtest.h>
@@ -61,7 +61,10 @@ Case random_case(std::mt19937& g) {
     static const int kCoils[] = {1, 2, 3, 4, 5, 8, 12, 16, 20, 32, 48, 64};
     Case c;
     const bool threeD = chance(g, 0.4);
-    c.full = {pick(g, 3, 14), pick(g, 6, 34), threeD ? pick(g, 2, 10) : 1};
+    // Now and then wider than one tile of factor columns or one strip of the unfolding, so that
+    // threads split inside and across them.
+    const int nx = chance(g, 0.15) ? pick(g, 33, 90) : pick(g, 3, 14);
+    c.full = {nx, pick(g, 6, 34), threeD ? pick(g, 2, 10) : 1};
     const int fy = folded_size(g, c.full[1], 5.0);
     const int fz = threeD ? folded_size(g, c.full[2], 2.5) : 1;
     // Mostly enough coils for the aliased positions; now and then too few (singular systems).

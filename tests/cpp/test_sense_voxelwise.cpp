@@ -138,63 +138,6 @@ TEST(SenseVoxelwise, ReferenceRuleFailsOnMaskedMaps) {
     EXPECT_GT(r.bad, 0u);
 }
 
-// Maps without a zero anywhere: the two entries agree to the bit, with correlated noise, a
-// prior, non-integer factors, 3-D, several volumes and coarse maps.
-TEST(SenseVoxelwise, ReferenceBitsWhereEveryPositionHasSignal) {
-    struct Setup {
-        const char* name;
-        Dims full;
-        int fy, fz, coils;
-        Dims maps;
-        bool noise, prior;
-    };
-    const Setup setups[] = {
-        {"R = 2", {40, 64, 1}, 32, 1, 8, {40, 64, 1}, false, false},
-        {"R = 2.5, noise", {37, 75, 1}, 30, 1, 8, {37, 75, 1}, true, false},
-        {"R = 3, noise and prior", {40, 66, 1}, 22, 1, 6, {40, 66, 1}, true, true},
-        {"2.5 x 1.67 in 3-D, prior", {12, 40, 10}, 16, 6, 8, {12, 40, 10}, false, true},
-        {"coarse maps, R = 2.5", {64, 100, 1}, 40, 1, 8, {32, 40, 1}, true, false},
-    };
-    for (const Setup& s : setups) {
-        const Split img = make_object(s.full[0], s.full[1], s.full[2]);
-        Split data = fold(img, s.coils, s.fy, s.fz);
-        // Two volumes along dimension 5, the second with noise of its own.
-        Split two({data.dims[0], data.dims[1], data.dims[2], s.coils, 2});
-        std::copy(data.re.begin(), data.re.end(), two.re.begin());
-        std::copy(data.im.begin(), data.im.end(), two.im.begin());
-        std::copy(data.re.begin(), data.re.end(), two.re.begin() + data.size());
-        std::copy(data.im.begin(), data.im.end(), two.im.begin() + data.size());
-        std::vector<cf> L(s.coils * s.coils, 0.0f);
-        for (int r = 0; r < s.coils; ++r) {
-            L[r + s.coils * r] = 1.0f;
-            if (r > 0) L[r + s.coils * (r - 1)] = std::polar(0.8f, 0.5f * r);
-        }
-        if (s.noise) add_noise(two, L, s.coils, 0.03f, 7);
-        Split psi({s.coils, s.coils});
-        for (int col = 0; col < s.coils; ++col)
-            for (int r = 0; r < s.coils; ++r) {
-                cf sum = 0;
-                for (int k = 0; k < s.coils; ++k) sum += L[r + s.coils * k] * std::conj(L[col + s.coils * k]);
-                psi.set(r + s.coils * col, 0.0018f * sum);
-            }
-        Split prior({s.full[0], s.full[1], s.full[2]});
-        for (size_t i = 0; i < prior.size(); ++i) prior.set(i, std::abs(img.at(i)));
-        Extras e;
-        if (s.noise) e.noise = &psi;
-        if (s.prior) {
-            e.ref = &img;
-            e.reg = &prior;
-            e.regScale = 3.0;
-        }
-        const Split sens = make_maps(s.maps[0], s.maps[1], s.maps[2], s.coils);
-        Split ref = make_output(two, s.full, -7.0f), out = make_output(two, s.full, -7.0f);
-        ASSERT_EQ(reconstruct(two, sens, s.full, ref, e), 1) << s.name;
-        ASSERT_EQ(reconstruct(two, sens, s.full, out, e, &MR_sense_recon_voxelwise), 1) << s.name;
-        EXPECT_TRUE(same_bits(ref.re, out.re)) << s.name;
-        EXPECT_TRUE(same_bits(ref.im, out.im)) << s.name;
-    }
-}
-
 // The factors themselves: the same bits with maps non-zero everywhere; with masked maps no
 // factor is not finite and a position without signal has zero factors for every coil.
 TEST(SenseVoxelwise, FactorsPerVoxel) {
@@ -238,42 +181,6 @@ TEST(SenseVoxelwise, FactorsPerVoxel) {
             }
     }
     EXPECT_GT(checked, 100);
-}
-
-// Real maps (no imaginary block) count as maps with a zero imaginary part.
-TEST(SenseVoxelwise, RealMapsAsZeroImaginary) {
-    const Dims full{24, 40, 1};
-    Split maps = make_maps(full[0], full[1], full[2], 6);
-    std::fill(maps.im.begin(), maps.im.end(), 0.0f);
-    const Split data = fold(make_object(full[0], full[1], full[2]), 6, 16, 1);
-    Split a = make_output(data, full), b = make_output(data, full);
-    ASSERT_EQ(reconstruct(data, maps, full, a, {}, &MR_sense_recon_voxelwise), 1);
-    const int identity[2] = {6, 6};
-    ASSERT_EQ(MR_sense_recon_voxelwise(data.re.data(), data.im.data(), 4, data.dims.data(),
-                                       maps.re.data(), nullptr, 4, maps.dims.data(), nullptr,
-                                       nullptr, 2, identity, full.data(), nullptr, nullptr, 0,
-                                       nullptr, nullptr, nullptr, 0, nullptr, 1.0, b.re.data(),
-                                       b.im.data(), b.dims.data()),
-              1);
-    EXPECT_TRUE(same_bits(a.re, b.re));
-    EXPECT_TRUE(same_bits(a.im, b.im));
-}
-
-// Thread counts split the x columns differently; the per-voxel rule has no state along a column.
-TEST(SenseVoxelwise, SameBitsForAnyThreadCount) {
-    const Case c{"R = 2.5", {70, 75, 1}, 30, 1, 8};
-    const Mask support = ellipsoid(c.full, 0.36, 0.4, 0.42);
-    const Split img = masked(make_object(c.full[0], c.full[1], c.full[2]), support);
-    const Split data = fold(img, c.coils, c.fy, c.fz);
-    const Split sens = masked(make_maps(c.full[0], c.full[1], c.full[2], c.coils), support);
-    auto run = [&] {
-        Split out = make_output(data, c.full);
-        EXPECT_EQ(reconstruct(data, sens, c.full, out, {}, &MR_sense_recon_voxelwise), 1);
-        return out;
-    };
-    const Split one = with_threads(1, run), two = with_threads(2, run), three = with_threads(3, run);
-    EXPECT_TRUE(same_bits(one.re, two.re));
-    EXPECT_TRUE(same_bits(one.im, three.im));
 }
 
 // A map may be zero in its real part and not in its imaginary one (a coil whose phase is a
