@@ -68,12 +68,12 @@ typedef int Bits8f __attribute__((vector_size(32)));
 template <class V, class T>
 MRKIT_INLINE V load(const T* p) {
     V v;
-    std::memcpy(&v, p, sizeof v);
+    std::memcpy(&v, static_cast<const void*>(p), sizeof v);
     return v;
 }
 template <class V, class T>
 MRKIT_INLINE void store(T* p, const V& v) {
-    std::memcpy(p, &v, sizeof v);
+    std::memcpy(static_cast<void*>(p), &v, sizeof v);
 }
 
 // x in every lane (not 0 + x, which would turn -0 into +0).
