@@ -150,11 +150,22 @@ struct Problem {
     const Eigen::VectorXf& regImage;
     const Eigen::MatrixXcd& psiInv;
     bool psiIdentity;
+    const double* psiPacked;  // psiInv for the blocked products
+#ifdef MRKIT_SMALL_PRODUCTS
+    mrkit::small::ChainKernels kernels;
+#endif
     Eigen::VectorXcd& factors;
     std::atomic<int>& status;
 };
 
 using mrkit::sense::Validity;
+
+// Largest count of valid positions whose inverse mrkit::small computes.
+#ifdef MRKIT_SMALL_PRODUCTS
+constexpr int kSmallSolve = mrkit::small::kSmallSolve;
+#else
+constexpr int kSmallSolve = 0;
+#endif
 
 // One worker's scratch, reused for every voxel it solves, with the validity rule fixed.
 template <Validity Rule>
@@ -168,6 +179,7 @@ class Worker {
           S_(p.coils, slots),
           D_(Eigen::MatrixXcd::Zero(slots, slots)),
           solves_(slots + 1),
+          U_(static_cast<size_t>(slots) * p.coils),
           maps_(static_cast<size_t>(slots) * p.coils * tile) {}
 
     // Factors of the folded voxels x0 .. x1 - 1 (at most one tile) of one line, voxel x into
@@ -321,28 +333,28 @@ class Worker {
     }
 
     // Products and inverse for one count K of valid positions, kept per K so that voxels
-    // alternating between counts (non-integer factors) never reallocate.
-    // The whole chain runs either in mrkit::small's kernels on `scratch` or through the
-    // matrices; each case allocates only its own.
+    // alternating between counts (non-integer factors) never reallocate. The chain runs in
+    // mrkit::small's kernels where they cover its shapes, and through Eigen's expressions
+    // otherwise; the inverse in mrkit::small up to its size, through PartialPivLU above.
     struct Solve {
-        bool small = false;
+        bool kernels = false;
         std::vector<std::complex<double>> scratch;
-        Eigen::MatrixXcd T, A, factored, inv, W, U;
+        std::vector<double> packedS;
+        Eigen::MatrixXcd T, A, inv, W;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
-        Solve(int K, int coils) : U(K, coils) {
+        Solve(int K, int coils) : inv(K, K) {
 #ifdef MRKIT_SMALL_PRODUCTS
-            small = mrkit::small::small_weights(K, coils);
+            kernels = mrkit::small::chain_covered(K, coils);
 #endif
-            if (small) {
-                scratch.resize(static_cast<size_t>(2 * K * coils + 3 * K * K));
-                return;
+            if (kernels) {
+                scratch.resize(static_cast<size_t>(2 * K * coils + 2 * K * K));
+                packedS.resize(static_cast<size_t>(4) * K * coils);
+            } else {
+                T.resize(K, coils);
+                W.resize(K, coils);
             }
-            T.resize(K, coils);
             A.resize(K, K);
-            factored.resize(K, K);
-            inv.resize(K, K);
-            W.resize(K, coils);
-            lu = Eigen::PartialPivLU<Eigen::MatrixXcd>(K);
+            if (K > kSmallSolve) lu = Eigen::PartialPivLU<Eigen::MatrixXcd>(K);
         }
     };
 
@@ -399,33 +411,43 @@ class Worker {
                 D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
         if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
         Solve& m = *solves_[K];
-        if (!to) to = m.U.data();
-        namespace sp = mrkit::small;
+        if (!to) to = U_.data();
+        const auto Sk = S_.leftCols(K);
 #ifdef MRKIT_SMALL_PRODUCTS
-        if (m.small) {
-            sp::with_inner(p_.coils, [&](auto M) {
-                sp::combination_weights<M()>(S_.data(), S_.rows(), p_.coils, K, p_.psiInv.data(),
-                                             p_.psiIdentity, D_.data(), D_.rows(), m.scratch.data(),
-                                             to, K, avx2_);
-            });
+        if (m.kernels) {
+            namespace sp = mrkit::small;
+            const Eigen::Index coils = p_.coils;
+            std::complex<double>* T = m.scratch.data();
+            const sp::Chain chain{S_.data(),    S_.rows(),      coils,        K,
+                                  p_.psiInv.data(), p_.psiPacked, p_.psiIdentity, D_.data(),
+                                  D_.rows(),    T,              m.A.data(),   m.inv.data(),
+                                  T + K * coils, m.packedS.data(), to,         K};
+            p_.kernels.front(chain);
+            invert(m, K);
+            p_.kernels.back(chain);
             return to;
         }
 #endif
-        const auto Sk = S_.leftCols(K);
-        sp::adjoint_times(Sk, p_.psiInv, m.T, p_.psiIdentity);
-        sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A, avx2_);
-#ifdef MRKIT_SMALL_PRODUCTS
-        if (K <= sp::kSmallSolve)
-            sp::lu_inverse(m.A.data(), K, K, m.factored.data(), m.inv.data());
-        else
-#endif
-        {
-            m.lu.compute(m.A);
-            lu_inverse(m.lu, m.inv);
-        }
-        sp::times_adjoint(m.inv, Sk, m.W, avx2_);
-        sp::times(m.W, p_.psiInv, Eigen::Map<Eigen::MatrixXcd>(to, K, p_.coils), p_.psiIdentity);
+        m.T.noalias() = Sk.adjoint() * p_.psiInv;
+        m.A.noalias() = m.T * Sk;
+        m.A += D_.topLeftCorner(K, K);
+        invert(m, K);
+        m.W.noalias() = m.inv * Sk.adjoint();
+        Eigen::Map<Eigen::MatrixXcd>(to, K, p_.coils).noalias() = m.W * p_.psiInv;
         return to;
+    }
+
+    // m.inv = m.A^-1.
+    void invert(Solve& m, int K) {
+#ifdef MRKIT_SMALL_PRODUCTS
+        if (K <= kSmallSolve) {
+            mrkit::small::lu_inverse(m.A.data(), K, K, m.scratch.data() + 2 * K * p_.coils,
+                                     m.inv.data());
+            return;
+        }
+#endif
+        m.lu.compute(m.A);
+        lu_inverse(m.lu, m.inv);
     }
 
     const Problem& p_;
@@ -434,6 +456,7 @@ class Worker {
     std::vector<double> prior_;
     Eigen::MatrixXcd S_, D_;
     std::vector<std::unique_ptr<Solve>> solves_;
+    std::vector<std::complex<double>> U_;  // K x coils when not written straight out
     std::vector<std::complex<float>> maps_;  // per slot and coil: the maps along the tile's x
 };
 
@@ -493,8 +516,19 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
 
     std::atomic<int> status{1};
     const bool psiIdentity = mrkit::small::is_identity(psiInv);
-    const Problem problem{sensRe, sensIm, nx,       ny,     nVox,        nTot,    nYf,   nZf,
-                          coils,  lambda, regImage, psiInv, psiIdentity, factors, status};
+    std::vector<double> psiPacked(static_cast<size_t>(4) * coils * coils);
+    mrkit::general::pack(psiInv.data(), coils, coils, coils, psiPacked.data(), 1, coils);
+    const Problem problem{sensRe,      sensIm,
+                          nx,          ny,
+                          nVox,        nTot,
+                          nYf,         nZf,
+                          coils,       lambda,
+                          regImage,    psiInv,
+                          psiIdentity, psiPacked.data(),
+#ifdef MRKIT_SMALL_PRODUCTS
+                          mrkit::small::ChainKernels::pick(),
+#endif
+                          factors,     status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;
         constexpr int kTile = 32;

@@ -13,6 +13,9 @@
 #include <limits>
 #include <type_traits>
 
+#include "recon/lanes.hpp"
+#include "recon/sense/general_products.hpp"
+
 namespace mrkit::small {
 // From this many columns on, Eigen's matrix-vector product sums them in blocks; the paired AVX2
 // kernels below take fewer.
@@ -81,23 +84,37 @@ inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Ind
 
 // dst (k x n) = a b, a k x m, b m x n (or b^H, b then n x m, when `adjointB`), and then, when
 // `add` is given (k x n, leading dimension ldadd), dst += add. Each coefficient accumulates from
-// zero, term by term, as product + running sum.
+// zero, term by term, as product + running sum; two rows of dst go side by side. M > 0 fixes m
+// at compile time.
 template <bool adjointB, int M = 0>
-inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
-                  Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst, Eigen::Index ldd,
-                  const cd* add = nullptr, Eigen::Index ldadd = 0) {
-    using namespace Eigen::internal;
-    const Eigen::Index m = M > 0 ? M : runtimeM;
+MRKIT_INLINE void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                        Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
+                        Eigen::Index ldd, const cd* add = nullptr, Eigen::Index ldadd = 0) {
+    namespace g = mrkit::general;
+    using lanes::Double2;
+    using lanes::Double4;
+    const Eigen::Index m = M > 0 ? M : runtimeM, pairs = k / 2 * 2;
+    const auto right = [&](Eigen::Index i, Eigen::Index c) {
+        // conj flips the sign of the imaginary part, as pconj does in the register.
+        return adjointB ? g::conj(g::pair(b[c + i * ldb])) : g::pair(b[i + c * ldb]);
+    };
     for (Eigen::Index c = 0; c < n; ++c) {
-        for (Eigen::Index r = 0; r < k; ++r) {
-            Packet s = pset1<Packet>(cd(0));
+        for (Eigen::Index r = 0; r < pairs; r += 2) {
+            Double4 s = {};
             for (Eigen::Index i = 0; i < m; ++i) {
-                // conj flips the sign of the imaginary part, as pconj does in the register.
-                const Packet bi = adjointB ? pconj(load(b + c + i * ldb)) : load(b + i + c * ldb);
-                s = padd(pmul(load(a + r + i * lda), bi), s);
+                const Double2 y = right(i, c);
+                s = g::pmul2(lanes::load<Double4>(a + r + i * lda),
+                             __builtin_shufflevector(y, y, 0, 1, 0, 1)) +
+                    s;
             }
-            if (add) s = padd(s, load(add + r + c * ldadd));
-            store(dst + r + c * ldd, s);
+            if (add) s = s + lanes::load<Double4>(add + r + c * ldadd);
+            lanes::store(dst + r + c * ldd, s);
+        }
+        if (pairs < k) {
+            Double2 s = {};
+            for (Eigen::Index i = 0; i < m; ++i) s = g::pmul(g::pair(a[k - 1 + i * lda]), right(i, c)) + s;
+            if (add) s = s + g::pair(add[k - 1 + c * ldadd]);
+            lanes::store(dst + k - 1 + c * ldd, s);
         }
     }
 }
@@ -333,58 +350,6 @@ __attribute__((target("avx2"))) inline __m256 pmul_avx2(__m256 a, __m256 b) {
         _mm256_xor_ps(_mm256_mul_ps(_mm256_movehdup_ps(a), _mm256_permute_ps(b, 0xB1)), sign));
 }
 
-// times() for two rows of dst at a time, one per 128-bit lane: lane by lane the operations of
-// Eigen's complex<double> product (pmul<Packet1cd>) and the same sums. An odd last row goes
-// through times() itself.
-template <bool adjointB, int M = 0>
-__attribute__((target("avx2"))) inline void times_avx2(const cd* a, Eigen::Index lda, const cd* b,
-                                                       Eigen::Index ldb, Eigen::Index runtimeM,
-                                                       Eigen::Index k, Eigen::Index n, cd* dst,
-                                                       Eigen::Index ldd, const cd* add = nullptr,
-                                                       Eigen::Index ldadd = 0) {
-    const Eigen::Index m = M > 0 ? M : runtimeM, pairs = k / 2 * 2;
-    const long long sign = std::numeric_limits<long long>::min();
-    const __m256d realSign = _mm256_castsi256_pd(_mm256_setr_epi64x(sign, 0, sign, 0));
-    const __m256d imagSign = _mm256_castsi256_pd(_mm256_setr_epi64x(0, sign, 0, sign));
-    // A pair of rows' real and imaginary parts, each twice, are the same for every column; with
-    // m fixed they are read once.
-    constexpr int kept = M > 0 && M <= 4 ? M : 1;
-    __m256d re[kept], im[kept];
-    for (Eigen::Index r = 0; r < pairs; r += 2) {
-        for (Eigen::Index i = 0; i < (kept > 1 ? m : 0); ++i) {
-            const __m256d x = _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
-            re[i] = _mm256_movedup_pd(x);
-            im[i] = _mm256_permute_pd(x, 0xF);
-        }
-        for (Eigen::Index c = 0; c < n; ++c) {
-            __m256d s = _mm256_setzero_pd();
-            for (Eigen::Index i = 0; i < m; ++i) {
-                if (kept == 1) {
-                    const __m256d x =
-                        _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
-                    re[0] = _mm256_movedup_pd(x);
-                    im[0] = _mm256_permute_pd(x, 0xF);
-                }
-                __m256d y = _mm256_broadcast_pd(
-                    reinterpret_cast<const __m128d*>(adjointB ? b + c + i * ldb : b + i + c * ldb));
-                if (adjointB) y = _mm256_xor_pd(y, imagSign);
-                const Eigen::Index at = kept > 1 ? i : 0;
-                const __m256d p = _mm256_add_pd(
-                    _mm256_mul_pd(re[at], y),
-                    _mm256_xor_pd(_mm256_mul_pd(im[at], _mm256_permute_pd(y, 0x5)), realSign));
-                s = _mm256_add_pd(p, s);
-            }
-            if (add)
-                s = _mm256_add_pd(
-                    s, _mm256_loadu_pd(reinterpret_cast<const double*>(add + r + c * ldadd)));
-            _mm256_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), s);
-        }
-    }
-    if (pairs < k)
-        times<adjointB, M>(a + pairs, lda, b, ldb, m, k - pairs, n, dst + pairs, ldd,
-                           add ? add + pairs : nullptr, ldadd);
-}
-
 // Two complex at a, then two at b.
 __attribute__((target("avx2"))) inline __m256 load_two(const cf* a, const cf* b) {
     return _mm256_insertf128_ps(
@@ -499,54 +464,129 @@ __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
 }
 #endif
 
-// Whether combination_weights computes U for k valid positions and m coils: every product of the
-// chain small enough for Eigen to evaluate coefficient-wise, and the inverse small.
-inline bool small_weights(Eigen::Index k, Eigen::Index m) {
-    return k <= kSmallSolve && lazy(m, k, m) && lazy(m, k, k) && lazy(k, k, m);
+// One voxel's combination weights U = ((S^H Psi S + D)^-1 S^H) Psi for k valid positions and m
+// coils, product by product along Eigen's own route for each shape: coefficient-wise below its
+// threshold (kernels above), above it the routes of general_products.hpp. S is m x k (leading
+// dimension lds), Psi m x m (the inverted noise covariance, also packed for the blocked kernel;
+// `psiIdentity` when exactly the identity), D k x k. Scratch: T and W k x m, A and inv k x k,
+// S packed m x k.
+struct Chain {
+    const cd* S;
+    Eigen::Index lds, m, k;
+    const cd* psi;
+    const double* psiPacked;
+    bool psiIdentity;
+    const cd* D;
+    Eigen::Index ldd;
+    cd *T, *A, *inv, *W;
+    double* packedS;
+    cd* U;
+    Eigen::Index ldu;
+};
+
+// Whether the kernels here take every product of the chain as Eigen does (the inverse aside):
+// a product that Eigen blocks along its depth or splits among threads is left to Eigen, as is a
+// column result with more than one term.
+inline bool chain_covered(Eigen::Index k, Eigen::Index m) {
+    const auto covered = [](Eigen::Index rows, Eigen::Index cols, Eigen::Index depth) {
+        if (lazy(depth, rows, cols) || rows == 1) return true;
+        if (cols == 1) return false;
+        return general::one_pass(rows, cols, depth);
+    };
+    return covered(k, m, m) && covered(k, k, m) && covered(k, m, k);
 }
 
-// U (k x m, leading dimension ldu) = ((S^H Psi S + D)^-1 S^H) Psi for S m x k and Psi m x m (the
-// inverted noise covariance; `psiIdentity` when exactly the identity), through the kernels above
-// with a single dispatch on the sizes; bit-identical to the Eigen expressions where small_weights
-// holds. Scratch holds 2 k m + 3 k k entries. M > 0 fixes m at compile time.
-template <int M = 0>
-inline void combination_weights(const cd* S, Eigen::Index lds, Eigen::Index runtimeM,
-                                Eigen::Index k, const cd* psi, bool psiIdentity, const cd* D,
-                                Eigen::Index ldd, cd* scratch, cd* U, Eigen::Index ldu, bool avx2) {
-    const Eigen::Index m = M > 0 ? M : runtimeM;
-    cd *T = scratch, *A = T + k * m, *lu = A + k * k, *inv = lu + k * k, *W = inv + k * k;
-    if (!psiIdentity || !adjoint_times_identity<M>(S, lds, m, k, T, k))
-        adjoint_times<M>(S, lds, psi, m, m, k, m, T, k);
-#ifdef MRKIT_AVX2_PAIRS
-    if (avx2)
-        times_avx2<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
-    else
-#endif
-        times<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
-    lu_inverse(A, k, k, lu, inv);
-    const auto adjoint = [&](auto K) {
-#ifdef MRKIT_AVX2_PAIRS
-        if (avx2) return times_avx2<true, K()>(inv, k, S, lds, k, k, m, W, k);
-#endif
-        times<true, K()>(inv, k, S, lds, k, k, m, W, k);
-    };
-    if (k == 1)
-        adjoint(std::integral_constant<int, 1>());
-    else if (k == 2)
-        adjoint(std::integral_constant<int, 2>());
-    else
-        adjoint(std::integral_constant<int, 3>());
-    if (!psiIdentity || !times_identity(W, k, k, m, U, ldu))
-        times<false, M>(W, k, psi, m, m, k, m, U, ldu);
-    (void)avx2;
+// Eigen's inner product of two vectors whose entries are not packet-accessible (a row of a
+// matrix): one running std::complex sum from the first term, then dst = 0 + 1 * sum.
+__attribute__((noinline)) inline cd inner_product(const cd* a, Eigen::Index astep, const cd* b,
+                                                 Eigen::Index n) {
+    cd sum = std::conj(std::conj(a[0])) * b[0];
+    for (Eigen::Index i = 1; i < n; ++i) sum = sum + std::conj(std::conj(a[i * astep])) * b[i];
+    cd r(0.0, 0.0);
+    r += cd(1.0, 0.0) * sum;
+    return r;
 }
+
+// T = S^H Psi, then A = T S + D.
+MRKIT_INLINE void chain_front(const Chain& c) {
+    namespace g = mrkit::general;
+    const Eigen::Index m = c.m, k = c.k;
+    if (lazy(m, k, m)) {
+        if (!c.psiIdentity || !adjoint_times_identity(c.S, c.lds, m, k, c.T, k))
+            adjoint_times(c.S, c.lds, c.psi, m, m, k, m, c.T, k);
+    } else if (k == 1) {
+        if (!c.psiIdentity || !g::identity_row<true>(c.S, 1, m, c.T, 1))
+            g::gemv_row<false, true>(c.S, 1, c.psi, m, m, m, g::product_alpha(false, true), c.T,
+                                     1);
+    } else {
+        const cd alpha = g::product_alpha(true, false);
+        for (Eigen::Index i = 0; i < k; ++i)
+            if (!c.psiIdentity || !g::identity_row<true>(c.S + i * c.lds, 1, m, c.T + i, k))
+                g::gebp<true, false>(c.S + i * c.lds, 0, 1, c.psiPacked, 1, m, 1, m, m, alpha,
+                                     nullptr, 0, c.T + i, k);
+    }
+    if (lazy(m, k, k)) {
+        times<false>(c.T, k, c.S, c.lds, m, k, k, c.A, k, c.D, c.ldd);
+    } else if (k == 1) {
+        c.A[0] = inner_product(c.T, 1, c.S, m) + c.D[0];
+    } else {
+        g::pack(c.S, c.lds, m, k, c.packedS, 1, m);
+        g::gebp<false, false>(c.T, 1, k, c.packedS, 1, m, k, k, m, g::product_alpha(false, false),
+                              c.D, c.ldd, c.A, k);
+    }
+}
+
+// W = inv S^H, then U = W Psi.
+MRKIT_INLINE void chain_back(const Chain& c) {
+    namespace g = mrkit::general;
+    const Eigen::Index m = c.m, k = c.k;
+    if (lazy(k, k, m)) {
+        times<true>(c.inv, k, c.S, c.lds, k, k, m, c.W, k);
+    } else if (k == 1) {
+        // The column-major matrix-vector kernel on one term: conj(S) inv, then alpha as a packet.
+        const lanes::Double2 alpha = g::pair(g::product_alpha(true, false)), v = g::pair(c.inv[0]);
+        for (Eigen::Index i = 0; i < m; ++i)
+            lanes::store(c.W + i, g::pmul(g::pmul(g::conj(g::pair(c.S[i])), v) + lanes::Double2{},
+                                          alpha) +
+                                      lanes::Double2{});
+    } else {
+        if (lazy(m, k, k)) g::pack(c.S, c.lds, m, k, c.packedS, 1, m);
+        g::gebp<false, true>(c.inv, 1, k, c.packedS, m, 1, k, m, k, g::product_alpha(false, true),
+                             nullptr, 0, c.W, k);
+    }
+    if (lazy(m, k, m)) {
+        if (!c.psiIdentity || !times_identity(c.W, k, k, m, c.U, c.ldu))
+            times<false>(c.W, k, c.psi, m, m, k, m, c.U, c.ldu);
+    } else if (k == 1) {
+        if (!c.psiIdentity || !g::identity_row<false>(c.W, 1, m, c.U, c.ldu))
+            g::gemv_row<false, false>(c.W, 1, c.psi, m, m, m, g::product_alpha(false, false), c.U,
+                                      c.ldu);
+    } else {
+        const cd alpha = g::product_alpha(false, false);
+        for (Eigen::Index i = 0; i < k; ++i)
+            if (!c.psiIdentity || !g::identity_row<false>(c.W + i, k, m, c.U + i, c.ldu))
+                g::gebp<false, false>(c.W + i, 0, k, c.psiPacked, 1, m, 1, m, m, alpha, nullptr,
+                                      0, c.U + i, c.ldu);
+    }
+}
+
+MRKIT_PER_TARGET(chain_front, chain_front)
+MRKIT_PER_TARGET(chain_back, chain_back)
+
+// The two halves of the chain for this processor, chosen once per call.
+struct ChainKernels {
+    void (*front)(const Chain&);
+    void (*back)(const Chain&);
+    static ChainKernels pick() {
+        return {lanes::pick(&chain_front_baseline<const Chain&>, &chain_front_avx2<const Chain&>),
+                lanes::pick(&chain_back_baseline<const Chain&>, &chain_back_avx2<const Chain&>)};
+    }
+};
 
 }  // namespace mrkit::small
 #endif
 
 namespace mrkit::small {
-
-using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
 
 // Whether b is exactly the identity: +0 off the diagonal, 1 + 0i on it.
 inline bool is_identity(const Eigen::MatrixXcd& b) {
@@ -556,79 +596,6 @@ inline bool is_identity(const Eigen::MatrixXcd& b) {
             if (std::memcmp(&v, &e, sizeof v) != 0) return false;
         }
     return b.rows() == b.cols();
-}
-
-// dst = a^H b; `bIdentity` says that b is exactly the identity
-inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst,
-                          bool bIdentity = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.rows(), a.cols(), b.cols()))
-        return with_inner(a.rows(), [&](auto M) {
-            if (bIdentity && adjoint_times_identity<M()>(a.data(), a.outerStride(), a.rows(),
-                                                         a.cols(), dst.data(), dst.rows()))
-                return;
-            adjoint_times<M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
-                               a.cols(), b.cols(), dst.data(), dst.rows());
-        });
-#endif
-    dst.noalias() = a.adjoint() * b;
-}
-
-// dst = a b + add; `avx2` says that the processor has AVX2
-inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::MatrixXcd& dst,
-                       bool avx2 = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.rows(), a.rows(), b.cols()))
-        return with_inner(a.cols(), [&](auto M) {
-#ifdef MRKIT_AVX2_PAIRS
-            if (avx2)
-                return times_avx2<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(),
-                                              a.cols(), a.rows(), b.cols(), dst.data(), dst.rows(),
-                                              add.data(), add.outerStride());
-#endif
-            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                              a.rows(), b.cols(), dst.data(), dst.rows(), add.data(),
-                              add.outerStride());
-        });
-#endif
-    (void)avx2;
-    dst.noalias() = a * b;
-    dst += add;
-}
-
-// dst = a b; `bIdentity` says that b is exactly the identity
-inline void times(const Cref& a, const Cref& b, Eigen::Ref<Eigen::MatrixXcd> dst,
-                  bool bIdentity = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.rows(), a.rows(), b.cols()) && bIdentity &&
-        times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(),
-                       dst.outerStride()))
-        return;
-    if (lazy(b.rows(), a.rows(), b.cols()))
-        return with_inner(a.cols(), [&](auto M) {
-            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                              a.rows(), b.cols(), dst.data(), dst.outerStride());
-        });
-#endif
-    dst.noalias() = a * b;
-}
-
-// dst = a b^H; `avx2` says that the processor has AVX2
-inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool avx2 = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.cols(), a.rows(), b.rows()))
-        return with_inner(a.cols(), [&](auto M) {
-#ifdef MRKIT_AVX2_PAIRS
-            if (avx2)
-                return times_avx2<true, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(),
-                                             a.cols(), a.rows(), b.rows(), dst.data(), dst.rows());
-#endif
-            times<true, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                             a.rows(), b.rows(), dst.data(), dst.rows());
-        });
-#endif
-    (void)avx2;
-    dst.noalias() = a * b.adjoint();
 }
 
 // u = M v, M rows x cols (rows >= 1) with leading dimension ld, entry j of v at v[j * vstride]:
