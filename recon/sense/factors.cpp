@@ -8,9 +8,6 @@
 #include <memory>
 #include <utility>
 #include <vector>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 #if defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
 #endif
@@ -183,18 +180,18 @@ class Worker {
           maps_(static_cast<size_t>(slots) * p.coils * tile) {}
 
     // Factors of the folded voxels x0 .. x1 - 1 (at most one tile) of one line, voxel x into
-    // out + (x - x0) * perVoxel as solve() writes them; `valid` holds the tile's flags, slots
-    // per column. All voxels of a line share their aliased positions, so each position's maps
+    // out + (x - x0) as solve() writes them, blocks `step` apart; `valid` holds the tile's flags,
+    // slots per column. All voxels of a line share their aliased positions, so each position's maps
     // are interpolated for the whole run of x at once.
     void solve_line(int x0, int x1, const Line& ys, const Line& zs, int* valid,
-                    std::complex<double>* out, size_t perVoxel) {
+                    std::complex<double>* out, size_t step) {
         const int nx = p_.nx, ny = p_.ny, n = ys.count * zs.count;
         // A position past the maps takes no slot (sizes the caller got wrong): voxel by voxel.
         for (int iy = 0; iy < ys.count; ++iy)
             for (int iz = 0; iz < zs.count; ++iz)
                 if (x1 - 1 + nx * (ys.line[iy] + ny * zs.line[iz]) >= p_.nTot) {
                     for (int x = x0; x < x1; ++x)
-                        solve(x, ys, zs, valid + (x - x0) * slots_, out + (x - x0) * perVoxel);
+                        solve(x, ys, zs, valid + (x - x0) * slots_, out + (x - x0), step);
                     return;
                 }
         // Only coil 0's real map decides, and only where an imaginary map exists.
@@ -228,14 +225,16 @@ class Worker {
                     to[c] = std::complex<double>(*from);
                 ++K;
             }
-            store(K, n, flags, out + (x - x0) * perVoxel);
+            store(K, n, flags, out + (x - x0), step);
         }
     }
 
-    // Factors of folded voxel x of a line with the aliased lines ys and zs, into out[s + c * n]
-    // (n = ys.count * zs.count); `valid` holds the flags of column x, which stay set once set.
-    void solve(int x, const Line& ys, const Line& zs, int* valid, std::complex<double>* out) {
-        store(collect(x, ys, zs, valid), ys.count * zs.count, valid, out);
+    // Factors of folded voxel x of a line with the aliased lines ys and zs, block s + c n at
+    // out[(s + c n) step] (n = ys.count * zs.count); `valid` holds the flags of column x, which
+    // stay set once set.
+    void solve(int x, const Line& ys, const Line& zs, int* valid, std::complex<double>* out,
+               size_t step) {
+        store(collect(x, ys, zs, valid), ys.count * zs.count, valid, out, step);
     }
 
   private:
@@ -252,26 +251,17 @@ class Worker {
 
     // Solves for the first K columns of S and stores U packed by the voxel's own slot count n.
     // Flags left set by earlier voxels past the slots visited here have no row and store 0.
-    void store(int K, int n, const int* valid, std::complex<double>* out) {
-        if (K == 0) {
-            std::fill(out, out + static_cast<size_t>(n) * p_.coils, 0.0);
-            return;
-        }
-        // With every slot valid, slot s is row s: U goes straight to the output.
-        if (K == n) {
-            weights(K, out);
-            return;
-        }
-        const std::complex<double>* U = weights(K, nullptr);
+    void store(int K, int n, const int* valid, std::complex<double>* out, size_t step) {
+        const std::complex<double>* U = K > 0 ? weights(K) : nullptr;
         for (int c = 0; c < p_.coils; ++c) {
             int row = 0;
             for (int s = 0; s < n; ++s) {
                 std::complex<double> value = 0.0;
-                if (valid[s]) {
+                if (K > 0 && valid[s]) {
                     if (row < K) value = U[row + c * K];
                     ++row;
                 }
-                out[s + c * n] = value;
+                out[(s + static_cast<size_t>(c) * n) * step] = value;
             }
         }
     }
@@ -402,16 +392,16 @@ class Worker {
         return K;
     }
 
-    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S, K x coils into `to`
-    // (own scratch when null); returns where it is.
-    const std::complex<double>* weights(int K, std::complex<double>* to) {
+    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S, K x coils; returns
+    // where it is.
+    const std::complex<double>* weights(int K) {
         // D's off-diagonal stays zero, and its diagonal is rewritten whenever lambda is used.
         if (p_.lambda != 0.0)
             for (int k = 0; k < K; ++k)
                 D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
         if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
         Solve& m = *solves_[K];
-        if (!to) to = U_.data();
+        std::complex<double>* to = U_.data();
         const auto Sk = S_.leftCols(K);
 #ifdef MRKIT_SMALL_PRODUCTS
         if (m.kernels) {
@@ -536,11 +526,10 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
         // Columns go a tile at a time with x innermost, so maps are read and factors written
         // along rows; each column of the tile keeps its own validity flags.
         std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
-        // The tile's factors of one (yf, zf) line, voxel by voxel, then written block by block:
-        // the blocks lie a whole factor grid apart (often a multiple of 4 KiB), too many to write
-        // to at once.
-        const size_t perVoxel = static_cast<size_t>(slots) * coils;
-        std::vector<std::complex<double>> line(kTile * perVoxel);
+        // The tile's factors of one (yf, zf) line, block by block with x innermost, then written
+        // out a block at a time: the blocks lie a whole factor grid apart (often a multiple of
+        // 4 KiB), too many to write to at once.
+        std::vector<std::complex<double>> line(static_cast<size_t>(kTile) * slots * coils);
         const size_t V = static_cast<size_t>(nx) * nYf * nZf;
         // A host's stop request ends the call between tiles (the factors are then incomplete).
         for (int x0 = begin; x0 < end && !mrkit::interrupted(); x0 += kTile) {
@@ -549,28 +538,15 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
             for (int yf = 0; yf < nYf; ++yf)
                 for (int zf = 0; zf < nZf; ++zf) {
                     worker.solve_line(x0, x1, yLines[yf], zLines[zf], validFlags.data(),
-                                      line.data(), perVoxel);
+                                      line.data(), kTile);
                     const int blocks = yLines[yf].count * zLines[zf].count * coils;
                     std::complex<double>* out =
                         factors.data() + x0 + static_cast<size_t>(nx) * (yf + nYf * zf);
-                    // Streamed past the caches: the factor vector is much larger than they are
-                    // and is read again only after all of it is written.
                     for (int b = 0; b < blocks; ++b)
-                        for (int x = x0; x < x1; ++x) {
-                            std::complex<double>* to = out + b * V + (x - x0);
-                            const std::complex<double>& from = line[(x - x0) * perVoxel + b];
-#if defined(__SSE2__)
-                            _mm_stream_pd(reinterpret_cast<double*>(to),
-                                          _mm_loadu_pd(reinterpret_cast<const double*>(&from)));
-#else
-                            *to = from;
-#endif
-                        }
+                        std::copy(line.begin() + b * kTile, line.begin() + b * kTile + (x1 - x0),
+                                  out + b * V);
                 }
         }
-#if defined(__SSE2__)
-        _mm_sfence();  // the streamed stores visible before the region's closing barrier
-#endif
     });
 
     if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);
