@@ -209,9 +209,10 @@ inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen:
     return _mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) == 3;
 }
 
-// Largest matrix handled here; Eigen's triangular solves stay in their scalar panel loop up
-// to 4 rows, and up to 3 even the signs of NaN results agree with it in this build.
-constexpr Eigen::Index kSmallSolve = 3;
+// Largest matrix handled here: Eigen's triangular solves stay in their scalar panel loop up to 4
+// rows (from 5 on they update the rows below a panel with the blocked kernel). At 4 a NaN may
+// come out with the other sign, as elsewhere where the compiler orders a sum's operands.
+constexpr Eigen::Index kSmallSolve = 4;
 
 // inv = A^-1 for a k x k A (k <= kSmallSolve; lu is k x k scratch) as Eigen's PartialPivLU followed
 // by the permuted identity and the unit-lower and upper triangular solves computes it: pivots by
@@ -281,14 +282,16 @@ inline void lu_inverse_fixed(const cd* a, Eigen::Index lda, cd* lu, cd* inv) {
 }
 
 inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd* inv) {
-    static_assert(kSmallSolve == 3, "one case per size");
+    static_assert(kSmallSolve == 4, "one case per size");
     switch (k) {
         case 1:
             return lu_inverse_fixed<1>(a, lda, lu, inv);
         case 2:
             return lu_inverse_fixed<2>(a, lda, lu, inv);
-        default:
+        case 3:
             return lu_inverse_fixed<3>(a, lda, lu, inv);
+        default:
+            return lu_inverse_fixed<4>(a, lda, lu, inv);
     }
 }
 
