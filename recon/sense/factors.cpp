@@ -8,11 +8,8 @@
 #include <memory>
 #include <utility>
 #include <vector>
-#if defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-#endif
 
-#include "recon/cpu.hpp"
+#include "recon/lanes.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/corners.hpp"
@@ -79,56 +76,26 @@ int ceil_div(int a, int b) {
     return (a + b - 1) / b;
 }
 
-#if defined(__x86_64__) && defined(__GNUC__)
-// interpolate_run eight x at a time from x; returns where it stopped.
-template <int Corners>
-__attribute__((target("avx2"))) int interpolate_run_avx2(const float* re, const float* im,
-                                                         const int* offset, const float* w, int x,
-                                                         int x1, std::complex<float>* to) {
-    __m256 weight[Corners];
-    for (int k = 0; k < Corners; ++k) weight[k] = _mm256_set1_ps(w[k]);
-    for (; x + 8 <= x1; x += 8) {
-        __m256 r = _mm256_mul_ps(_mm256_loadu_ps(re + x + offset[0]), weight[0]);
-        __m256 i = _mm256_mul_ps(_mm256_loadu_ps(im + x + offset[0]), weight[0]);
-        for (int k = 1; k < Corners; ++k) {
-            r = _mm256_add_ps(r, _mm256_mul_ps(_mm256_loadu_ps(re + x + offset[k]), weight[k]));
-            i = _mm256_add_ps(i, _mm256_mul_ps(_mm256_loadu_ps(im + x + offset[k]), weight[k]));
-        }
-        // x 0 1 4 5 and 2 3 6 7 with their parts side by side, then in order.
-        const __m256 a = _mm256_unpacklo_ps(r, i), b = _mm256_unpackhi_ps(r, i);
-        float* out = reinterpret_cast<float*>(to + x);
-        _mm256_storeu_ps(out, _mm256_permute2f128_ps(a, b, 0x20));
-        _mm256_storeu_ps(out + 8, _mm256_permute2f128_ps(a, b, 0x31));
-    }
-    return x;
-}
-#endif
-
 // to[x] = (sum over the corners of re[x + offset[k]] * w[k], the same of im), in corner order,
-// for x0 .. x1 - 1.
+// for x0 .. x1 - 1; eight x at a time, then one at a time.
 template <int Corners>
-void interpolate_run(const float* re, const float* im, const int* offset, const float* w, int x0,
-                     int x1, std::complex<float>* to, bool avx2) {
+MRKIT_INLINE void interpolate_run(const float* re, const float* im, const int* offset,
+                                  const float* w, int x0, int x1, std::complex<float>* to) {
+    using mrkit::lanes::Float8;
+    namespace ln = mrkit::lanes;
+    Float8 weight[Corners];
+    for (int k = 0; k < Corners; ++k) weight[k] = ln::splat<Float8>(w[k]);
     int x = x0;
-#if defined(__x86_64__) && defined(__GNUC__)
-    if (avx2) x = interpolate_run_avx2<Corners>(re, im, offset, w, x, x1, to);
-#endif
-    (void)avx2;
-#if defined(__SSE2__)
-    __m128 weight[Corners];
-    for (int k = 0; k < Corners; ++k) weight[k] = _mm_set1_ps(w[k]);
-    for (; x + 4 <= x1; x += 4) {
-        __m128 r = _mm_mul_ps(_mm_loadu_ps(re + x + offset[0]), weight[0]);
-        __m128 i = _mm_mul_ps(_mm_loadu_ps(im + x + offset[0]), weight[0]);
+    for (; x + 8 <= x1; x += 8) {
+        Float8 r = ln::load<Float8>(re + x + offset[0]) * weight[0];
+        Float8 i = ln::load<Float8>(im + x + offset[0]) * weight[0];
         for (int k = 1; k < Corners; ++k) {
-            r = _mm_add_ps(r, _mm_mul_ps(_mm_loadu_ps(re + x + offset[k]), weight[k]));
-            i = _mm_add_ps(i, _mm_mul_ps(_mm_loadu_ps(im + x + offset[k]), weight[k]));
+            r = r + ln::load<Float8>(re + x + offset[k]) * weight[k];
+            i = i + ln::load<Float8>(im + x + offset[k]) * weight[k];
         }
-        float* out = reinterpret_cast<float*>(to + x);
-        _mm_storeu_ps(out, _mm_unpacklo_ps(r, i));
-        _mm_storeu_ps(out + 4, _mm_unpackhi_ps(r, i));
+        ln::store(to + x, __builtin_shufflevector(r, i, 0, 8, 1, 9, 2, 10, 3, 11));
+        ln::store(to + x + 4, __builtin_shufflevector(r, i, 4, 12, 5, 13, 6, 14, 7, 15));
     }
-#endif
     for (; x < x1; ++x) {
         float r = re[x + offset[0]] * w[0], i = im[x + offset[0]] * w[0];
         for (int k = 1; k < Corners; ++k) {
@@ -138,6 +105,35 @@ void interpolate_run(const float* re, const float* im, const int* offset, const 
         to[x] = {r, i};
     }
 }
+MRKIT_INLINE void interpolate_run4(const float* re, const float* im, const int* offset,
+                                   const float* w, int x0, int x1, std::complex<float>* to) {
+    interpolate_run<4>(re, im, offset, w, x0, x1, to);
+}
+MRKIT_INLINE void interpolate_run8(const float* re, const float* im, const int* offset,
+                                   const float* w, int x0, int x1, std::complex<float>* to) {
+    interpolate_run<8>(re, im, offset, w, x0, x1, to);
+}
+MRKIT_PER_TARGET(interpolate_run4, interpolate_run4)
+MRKIT_PER_TARGET(interpolate_run8, interpolate_run8)
+
+// The runs of one and of two planes of corners for this processor, chosen once per call.
+struct RunKernels {
+    using Run = void (*)(const float*, const float*, const int*, const float*, int, int,
+                         std::complex<float>*);
+    Run four, eight;
+    static RunKernels pick() {
+        using A = std::complex<float>*;
+        namespace ln = mrkit::lanes;
+        return {ln::pick(&interpolate_run4_baseline<const float*, const float*, const int*,
+                                                    const float*, int, int, A>,
+                         &interpolate_run4_avx2<const float*, const float*, const int*,
+                                                const float*, int, int, A>),
+                ln::pick(&interpolate_run8_baseline<const float*, const float*, const int*,
+                                                    const float*, int, int, A>,
+                         &interpolate_run8_avx2<const float*, const float*, const int*,
+                                                const float*, int, int, A>)};
+    }
+};
 
 // What every worker reads, and the two outputs they share.
 struct Problem {
@@ -148,6 +144,7 @@ struct Problem {
     const Eigen::MatrixXcd& psiInv;
     bool psiIdentity;
     const double* psiPacked;  // psiInv for the blocked products
+    RunKernels runs;
 #ifdef MRKIT_SMALL_PRODUCTS
     mrkit::small::ChainKernels kernels;
 #endif
@@ -315,10 +312,8 @@ class Worker {
         }
         for (int c = 0; c < p_.coils; ++c) {
             const float *re = p_.sensRe + c * N + b0, *im = p_.sensIm + c * N + b0;
-            if (corners == 4)
-                interpolate_run<4>(re, im, offset, w, x0, x1, map(j, c) - x0, avx2_);
-            else
-                interpolate_run<8>(re, im, offset, w, x0, x1, map(j, c) - x0, avx2_);
+            (corners == 4 ? p_.runs.four : p_.runs.eight)(re, im, offset, w, x0, x1,
+                                                          map(j, c) - x0);
         }
     }
 
@@ -441,7 +436,6 @@ class Worker {
     }
 
     const Problem& p_;
-    const bool avx2_ = mrkit::has_avx2();
     const int slots_, tile_;
     std::vector<double> prior_;
     Eigen::MatrixXcd S_, D_;
@@ -515,6 +509,7 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
                           coils,       lambda,
                           regImage,    psiInv,
                           psiIdentity, psiPacked.data(),
+                          RunKernels::pick(),
 #ifdef MRKIT_SMALL_PRODUCTS
                           mrkit::small::ChainKernels::pick(),
 #endif
