@@ -145,9 +145,7 @@ struct Problem {
     bool psiIdentity;
     const double* psiPacked;  // psiInv for the blocked products
     RunKernels runs;
-#ifdef MRKIT_SMALL_PRODUCTS
     mrkit::small::ChainKernels kernels;
-#endif
     Eigen::VectorXcd& factors;
     std::atomic<int>& status;
 };
@@ -155,11 +153,7 @@ struct Problem {
 using mrkit::sense::Validity;
 
 // Largest count of valid positions whose inverse mrkit::small computes.
-#ifdef MRKIT_SMALL_PRODUCTS
-constexpr int kSmallSolve = mrkit::small::kSmallSolve;
-#else
-constexpr int kSmallSolve = 0;
-#endif
+constexpr int kSmallSolve = mrkit::small::kEigenOrders ? mrkit::small::kSmallSolve : 0;
 
 // One worker's scratch, reused for every voxel it solves, with the validity rule fixed.
 template <Validity Rule>
@@ -328,9 +322,7 @@ class Worker {
         Eigen::MatrixXcd T, A, inv, W;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
         Solve(int K, int coils) : inv(K, K) {
-#ifdef MRKIT_SMALL_PRODUCTS
-            kernels = mrkit::small::chain_covered(K, coils);
-#endif
+            kernels = mrkit::small::kEigenOrders && mrkit::small::chain_covered(K, coils);
             if (kernels) {
                 scratch.resize(static_cast<size_t>(2 * K * coils + 2 * K * K));
                 packedS.resize(static_cast<size_t>(4) * K * coils);
@@ -398,7 +390,6 @@ class Worker {
         Solve& m = *solves_[K];
         std::complex<double>* to = U_.data();
         const auto Sk = S_.leftCols(K);
-#ifdef MRKIT_SMALL_PRODUCTS
         if (m.kernels) {
             namespace sp = mrkit::small;
             const Eigen::Index coils = p_.coils;
@@ -412,7 +403,6 @@ class Worker {
             p_.kernels.back(chain);
             return to;
         }
-#endif
         m.T.noalias() = Sk.adjoint() * p_.psiInv;
         m.A.noalias() = m.T * Sk;
         m.A += D_.topLeftCorner(K, K);
@@ -424,13 +414,11 @@ class Worker {
 
     // m.inv = m.A^-1.
     void invert(Solve& m, int K) {
-#ifdef MRKIT_SMALL_PRODUCTS
         if (K <= kSmallSolve) {
             mrkit::small::lu_inverse(m.A.data(), K, K, m.scratch.data() + 2 * K * p_.coils,
                                      m.inv.data());
             return;
         }
-#endif
         m.lu.compute(m.A);
         lu_inverse(m.lu, m.inv);
     }
@@ -510,9 +498,7 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
                           regImage,    psiInv,
                           psiIdentity, psiPacked.data(),
                           RunKernels::pick(),
-#ifdef MRKIT_SMALL_PRODUCTS
                           mrkit::small::ChainKernels::pick(),
-#endif
                           factors,     status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;

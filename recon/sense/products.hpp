@@ -28,14 +28,21 @@ constexpr int kBlockedColumns = 128;
 #define MRKIT_SMALL_PRODUCTS 1
 #endif
 
-#ifdef MRKIT_SMALL_PRODUCTS
 namespace mrkit::small {
+
+// Whether this build's Eigen takes the product orders the kernels here repeat (3.4 with SSE2
+// packets, one complex<double> each). The configure step refuses other builds unless told to
+// accept them; then the library keeps the Eigen expressions.
+constexpr bool kEigenOrders =
+#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) && \
+    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && !EIGEN_VERSION_AT_LEAST(3, 4, 90)
+    true;
+#else
+    false;
+#endif
 
 using cd = std::complex<double>;
 using cf = std::complex<float>;
-using Packet = Eigen::internal::Packet1cd;
-static_assert(std::is_same<Eigen::internal::packet_traits<cd>::type, Packet>::value,
-              "one complex<double> per packet expected");
 
 // Whether Eigen evaluates a product into a rows x cols result with `inner` terms per
 // coefficient coefficient-wise rather than through its blocked kernel.
@@ -43,21 +50,15 @@ inline bool lazy(Eigen::Index inner, Eigen::Index rows, Eigen::Index cols) {
     return inner + rows + cols < EIGEN_GEMM_TO_COEFFBASED_THRESHOLD && inner > 0;
 }
 
-inline Packet load(const cd* p) {
-    return Eigen::internal::ploadu<Packet>(p);
-}
-inline void store(cd* p, const Packet& v) {
-    Eigen::internal::pstoreu(p, v);
-}
-
 // dst (k x n) = a^H b, a m x k, b m x n, column-major with leading dimensions. Each coefficient
 // is a sum reduction over m of conj(a) * b, in two interleaved partial sums (even and odd
 // terms) joined at the end, with an odd last term added after. M > 0 fixes m at compile time.
 template <int M = 0>
-inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
-                          Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
-                          Eigen::Index ldd) {
-    using namespace Eigen::internal;
+MRKIT_INLINE void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                                Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
+                                Eigen::Index ldd) {
+    namespace g = mrkit::general;
+    using lanes::Double2;
     const Eigen::Index m = M > 0 ? M : runtimeM;
     const Eigen::Index even = (m / 2) * 2;
     for (Eigen::Index c = 0; c < n; ++c) {
@@ -65,19 +66,19 @@ inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Ind
         for (Eigen::Index r = 0; r < k; ++r) {
             const cd* ar = a + r * lda;
             const auto term = [&](Eigen::Index i) {
-                return pmul(pconj(load(ar + i)), load(bc + i));
+                return g::pmul(g::conj(g::pair(ar[i])), g::pair(bc[i]));
             };
-            Packet s0 = term(0);
+            Double2 s0 = term(0);
             if (m > 1) {
-                Packet s1 = term(1);
+                Double2 s1 = term(1);
                 for (Eigen::Index i = 2; i < even; i += 2) {
-                    s0 = padd(s0, term(i));
-                    s1 = padd(s1, term(i + 1));
+                    s0 = s0 + term(i);
+                    s1 = s1 + term(i + 1);
                 }
-                s0 = padd(s0, s1);
-                if (m > even) s0 = padd(s0, term(even));
+                s0 = s0 + s1;
+                if (m > even) s0 = s0 + term(even);
             }
-            store(dst + r + c * ldd, s0);
+            lanes::store(dst + r + c * ldd, s0);
         }
     }
 }
@@ -119,29 +120,6 @@ MRKIT_INLINE void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index
     }
 }
 
-// Calls f with the inner size m as a compile-time constant when it is small, so that the
-// loops over it unroll (0: use the runtime size).
-template <class F>
-void with_inner(Eigen::Index m, F&& f) {
-    using std::integral_constant;
-    switch (m) {
-        case 1:
-            return f(integral_constant<int, 1>());
-        case 2:
-            return f(integral_constant<int, 2>());
-        case 3:
-            return f(integral_constant<int, 3>());
-        case 4:
-            return f(integral_constant<int, 4>());
-        case 6:
-            return f(integral_constant<int, 6>());
-        case 8:
-            return f(integral_constant<int, 8>());
-        default:
-            return f(integral_constant<int, 0>());
-    }
-}
-
 // Products with an exact identity b, as the noise covariance is when none is given. With finite a,
 // every term of a coefficient but the diagonal one is a signed zero, and adding a signed zero to a
 // non-zero value changes nothing; so the sum is the diagonal term unless that is zero, and then its
@@ -151,40 +129,40 @@ void with_inner(Eigen::Index m, F&& f) {
 // adjoint_times for b = I (m x m): term i of coefficient (r, c) is conj(a) * (1 or 0), whose real
 // part is a zero signed negative exactly when both parts of a are, and whose imaginary part is a
 // zero signed negative exactly when the real part of a is and the imaginary part is not. A part
-// that is not zero is the sum; a zero part takes the sign of that sum of zeros. M > 0 fixes m at
-// compile time.
-template <int M = 0>
-inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index runtimeM,
-                                   Eigen::Index k, cd* dst, Eigen::Index ldd) {
-    const Eigen::Index m = M > 0 ? M : runtimeM;
-    // v - v is +0 exactly for finite v (NaN otherwise), so OR-ing them stays +0 while all are.
-    const __m128d zero = _mm_setzero_pd(), conjugate = _mm_set_pd(-0.0, 0.0);
+// that is not zero is the sum; a zero part takes the sign of that sum of zeros.
+MRKIT_INLINE bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m,
+                                         Eigen::Index k, cd* dst, Eigen::Index ldd) {
+    namespace g = mrkit::general;
+    using lanes::Bits2;
+    using lanes::Double2;
     for (Eigen::Index r = 0; r < k; ++r) {
-        const double* ar = reinterpret_cast<const double*>(a + r * lda);
-        __m128d spoilt = zero, zeros = zero;
+        const cd* ar = a + r * lda;
+        // v - v is +0 exactly for finite v (NaN otherwise), so the sum stays +0 while all are.
+        Double2 spoilt = {};
+        Bits2 zeros = {};
         for (Eigen::Index c = 0; c < m; ++c) {
-            const __m128d v = _mm_loadu_pd(ar + 2 * c);
-            spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
-            zeros = _mm_or_pd(zeros, _mm_cmpeq_pd(v, zero));
-            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), _mm_xor_pd(v, conjugate));
+            const Double2 v = g::pair(ar[c]);
+            spoilt = spoilt + (v - v);
+            zeros = zeros | (v == Double2{});
+            lanes::store(dst + r + c * ldd, g::conj(v));
         }
-        if (_mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) != 3) return false;
-        if (_mm_movemask_pd(zeros) == 0) continue;
-        // Sign bits (bit 0 real): set in every entry, set in some entry.
-        __m128d all = _mm_castsi128_pd(_mm_set1_epi32(-1)), any = zero;
+        if (spoilt[0] != 0.0 || spoilt[1] != 0.0) return false;
+        if (!zeros[0] && !zeros[1]) continue;
+        // Sign bits: set in every entry, set in some entry.
+        Bits2 all = {-1, -1}, any = {};
         for (Eigen::Index i = 0; i < m; ++i) {
-            const __m128d v = _mm_loadu_pd(ar + 2 * i);
-            all = _mm_and_pd(all, v);
-            any = _mm_or_pd(any, v);
+            const Bits2 v = reinterpret_cast<Bits2>(g::pair(ar[i]));
+            all = all & v;
+            any = any | v;
         }
-        const int every = _mm_movemask_pd(all), some = _mm_movemask_pd(any);
-        const bool reNegative = every == 3, imNegative = (every & 1) && !(some & 2);
-        const __m128d signs = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
+        const bool reNegative = all[0] < 0 && all[1] < 0, imNegative = all[0] < 0 && any[1] >= 0;
+        const Double2 signs = {reNegative ? -0.0 : 0.0, imNegative ? -0.0 : 0.0};
         for (Eigen::Index c = 0; c < m; ++c) {
-            const __m128d v = _mm_xor_pd(_mm_loadu_pd(ar + 2 * c), conjugate);
-            const __m128d nonzero = _mm_cmpneq_pd(v, zero);
-            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd),
-                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, signs)));
+            const Double2 v = g::conj(g::pair(ar[c]));
+            const Bits2 nonzero = v != Double2{};
+            lanes::store(dst + r + c * ldd,
+                         reinterpret_cast<Double2>((reinterpret_cast<Bits2>(v) & nonzero) |
+                                                   (reinterpret_cast<Bits2>(signs) & ~nonzero)));
         }
     }
     return true;
@@ -192,21 +170,18 @@ inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index r
 
 // times<false> for b = I: the sums start from +0, so a zero result is always +0. A non-finite
 // entry is found only after every coefficient is written.
-inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m, cd* dst,
-                           Eigen::Index ldd) {
-    const __m128d zero = _mm_setzero_pd();
-    __m128d spoilt = zero;
-    const auto copy = [&](const cd* from, cd* to) {
-        const __m128d v = _mm_loadu_pd(reinterpret_cast<const double*>(from));
-        spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
-        _mm_storeu_pd(reinterpret_cast<double*>(to), _mm_add_pd(v, zero));
-    };
-    if (lda == k && ldd == k)
-        for (Eigen::Index i = 0; i < k * m; ++i) copy(a + i, dst + i);
-    else
-        for (Eigen::Index c = 0; c < m; ++c)
-            for (Eigen::Index r = 0; r < k; ++r) copy(a + r + c * lda, dst + r + c * ldd);
-    return _mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) == 3;
+MRKIT_INLINE bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m,
+                                 cd* dst, Eigen::Index ldd) {
+    namespace g = mrkit::general;
+    using lanes::Double2;
+    Double2 spoilt = {};
+    for (Eigen::Index c = 0; c < m; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) {
+            const Double2 v = g::pair(a[r + c * lda]);
+            spoilt = spoilt + (v - v);
+            lanes::store(dst + r + c * ldd, v + Double2{});
+        }
+    return spoilt[0] == 0.0 && spoilt[1] == 0.0;
 }
 
 // Largest matrix handled here: Eigen's triangular solves stay in their scalar panel loop up to 4
@@ -221,7 +196,8 @@ constexpr Eigen::Index kSmallSolve = 4;
 // size is fixed at compile time, so that the loops unroll.
 template <int K>
 inline void lu_inverse_fixed(const cd* a, Eigen::Index lda, cd* lu, cd* inv) {
-    using namespace Eigen::internal;
+    namespace g = mrkit::general;
+    using lanes::Double2;
     constexpr Eigen::Index k = K;
     for (Eigen::Index c = 0; c < k; ++c)
         for (Eigen::Index r = 0; r < k; ++r) lu[r + c * k] = a[r + c * lda];
@@ -249,14 +225,17 @@ inline void lu_inverse_fixed(const cd* a, Eigen::Index lda, cd* lu, cd* inv) {
                 for (Eigen::Index c = 0; c < k; ++c) std::swap(lu[j + c * k], lu[best + c * k]);
                 std::swap(perm[j], perm[best]);
             }
-            const Packet pivot = pset1<Packet>(lu[j + j * k]);
+            // pdiv<Packet1cd>: a conj(b) over |b|^2 summed from the squared parts.
+            const Double2 pivot = g::pair(lu[j + j * k]), squares = pivot * pivot;
+            const Double2 norm = squares + g::swap(squares);
             for (Eigen::Index r = j + 1; r < k; ++r)
-                store(lu + r + j * k, pdiv(load(lu + r + j * k), pivot));
+                lanes::store(lu + r + j * k, g::pmul(g::pair(lu[r + j * k]), g::conj(pivot)) / norm);
         }
         for (Eigen::Index c = j + 1; c < k; ++c) {
-            const Packet s = pset1<Packet>(lu[j + c * k]);
+            const Double2 s = g::pair(lu[j + c * k]);
             for (Eigen::Index r = j + 1; r < k; ++r)
-                store(lu + r + c * k, psub(load(lu + r + c * k), pmul(s, load(lu + r + j * k))));
+                lanes::store(lu + r + c * k,
+                             g::pair(lu[r + c * k]) - g::pmul(s, g::pair(lu[r + j * k])));
         }
     }
     // Row perm[i] of A went to row i: the permuted identity has its 1 at (i, perm[i]).
@@ -294,6 +273,11 @@ inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd
             return lu_inverse_fixed<4>(a, lda, lu, inv);
     }
 }
+
+}  // namespace mrkit::small
+
+#ifdef MRKIT_SMALL_PRODUCTS
+namespace mrkit::small {
 
 // u = M v for M rows x cols (column-major, leading dimension ld, rows >= 1) with complex<float>
 // entries, as Eigen 3.4's dense product computes it on SSE2 (two complex per packet): a single row
@@ -466,6 +450,10 @@ __attribute__((target("avx2"))) inline void matrix_vector_interleaved_avx2(
     }
 }
 #endif
+}  // namespace mrkit::small
+#endif
+
+namespace mrkit::small {
 
 // One voxel's combination weights U = ((S^H Psi S + D)^-1 S^H) Psi for k valid positions and m
 // coils, product by product along Eigen's own route for each shape: coefficient-wise below its
@@ -585,11 +573,6 @@ struct ChainKernels {
                 lanes::pick(&chain_back_baseline<const Chain&>, &chain_back_avx2<const Chain&>)};
     }
 };
-
-}  // namespace mrkit::small
-#endif
-
-namespace mrkit::small {
 
 // Whether b is exactly the identity: +0 off the diagonal, 1 + 0i on it.
 inline bool is_identity(const Eigen::MatrixXcd& b) {

@@ -65,9 +65,8 @@ MatrixXcd pivoted_lu_inverse(const MatrixXcd& A) {
 // kernel's panels of four columns and its depth peeled by eight for more), with an identity,
 // a correlated or an arbitrary psi, and special values among the entries; on both kernel sets.
 TEST(SmallProducts, ChainBitIdenticalToEigenProducts) {
-#ifndef MRKIT_SMALL_PRODUCTS
-    GTEST_SKIP() << "this build's Eigen products do not take the orders these kernels repeat";
-#else
+    if (!mrkit::small::kEigenOrders)
+        GTEST_SKIP() << "this build's Eigen products do not take the orders these kernels repeat";
     namespace sp = mrkit::small;
     Values v;
     int covered = 0, rounds = 0;
@@ -129,15 +128,13 @@ TEST(SmallProducts, ChainBitIdenticalToEigenProducts) {
     }
     // The shapes of 16 to 64 coils are all covered here (the blocked kernel is not split).
     EXPECT_GT(covered, rounds * 9 / 10);
-#endif
 }
 
 // The small inverse against PartialPivLU with the permuted identity and the two triangular
 // solves, including singular matrices (repeated columns) whose inverses hold infinities or NaNs.
 TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
-#ifndef MRKIT_SMALL_PRODUCTS
-    GTEST_SKIP() << "this build's Eigen products do not take the orders these kernels repeat";
-#else
+    if (!mrkit::small::kEigenOrders)
+        GTEST_SKIP() << "this build's Eigen products do not take the orders these kernels repeat";
     Values v;
     for (int round = 0; round < 6000; ++round) {
         v.special = round % 2 == 1;
@@ -148,5 +145,4 @@ TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
         mrkit::small::lu_inverse(A.data(), k, k, scratch.data(), got.data());
         ASSERT_TRUE(same_bits(pivoted_lu_inverse(A), got)) << "k " << k << ", round " << round;
     }
-#endif
 }
