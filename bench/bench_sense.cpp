@@ -229,9 +229,18 @@ void BM_ScanLiteral(benchmark::State& state) {
     scan_recon(state, &literal_recon);
 }
 
+// The literal factors with the library's signature.
+int literal_factors(const float* sensRe, const float* sensIm, const Eigen::VectorXi& sensDims,
+                    const Eigen::MatrixXcd& noiseCov, const Eigen::Vector3f& R, double lambda,
+                    const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
+                    Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims, float* yc, float* zc) {
+    return sense_reference::factors(sensRe, sensIm, sensDims, noiseCov, R, lambda, regImage,
+                                    factors, foldedDims, fullDims, yc, zc);
+}
+
 // The combination factors alone, 2-D 256^2, R = 4 (range(3) folded lines: 64) or as given,
 // range(0) coils, correlated noise when range(1), range(2) threads.
-void BM_FactorsCoils(benchmark::State& state) {
+void factors_coils(benchmark::State& state, decltype(&get_combination_factors) entry) {
     const int coils = static_cast<int>(state.range(0)), folded = static_cast<int>(state.range(3));
     const Split maps = make_maps(kN, kN, 1, coils);
     Eigen::MatrixXcd noise = Eigen::MatrixXcd::Identity(coils, coils);
@@ -252,12 +261,17 @@ void BM_FactorsCoils(benchmark::State& state) {
     omp_set_num_threads(static_cast<int>(state.range(2)));
     for (auto _ : state) {
         float yc[2] = {-1.0f, -1.0f}, zc[2] = {-1.0f, -1.0f};
-        benchmark::DoNotOptimize(get_combination_factors(maps.re.data(), maps.im.data(), sensDims,
-                                                         noise, R, 0.0, Eigen::VectorXf(), factors,
-                                                         foldedDims, fullDims, yc, zc));
+        benchmark::DoNotOptimize(entry(maps.re.data(), maps.im.data(), sensDims, noise, R, 0.0,
+                                       Eigen::VectorXf(), factors, foldedDims, fullDims, yc, zc));
     }
     omp_set_num_threads(threads);
     set_rate(state, double(kN) * gridY);
+}
+void BM_FactorsCoils(benchmark::State& state) {
+    factors_coils(state, &get_combination_factors);
+}
+void BM_FactorsCoilsLiteral(benchmark::State& state) {
+    factors_coils(state, &literal_factors);
 }
 
 }  // namespace
@@ -293,6 +307,12 @@ BENCHMARK(BM_FactorsCoils)
     ->Args({8, 1, 2, 128})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+BENCHMARK(BM_FactorsCoilsLiteral)
+    ->ArgsProduct({{8, 16, 32, 64}, {0, 1}, {1}, {64}})
+    ->Args({8, 0, 1, 128})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_Scan)
     ->ArgsProduct({{0, 1, 2, 3, 4}, {0, 1}, {1, 2}})
     ->Unit(benchmark::kMillisecond)
@@ -323,6 +343,19 @@ int main(int argc, char** argv) {
                                      reporter.median(voxelwise));
         }
     }
+    // The factors at each coil count on one and two threads against the literal ones.
+    for (const std::string args : {"8/0", "16/0", "32/0", "64/0", "8/1", "16/1", "32/1", "64/1"}) {
+        const double literal =
+            reporter.median("BM_FactorsCoilsLiteral/" + args + "/1/64/iterations:1/real_time");
+        for (const std::string threads : {"1", "2"}) {
+            const std::string row = "BM_FactorsCoils/" + args + "/" + threads + "/64/real_time";
+            mrkit_bench::print_ratio(row + " vs literal", literal, reporter.median(row));
+        }
+    }
+    mrkit_bench::print_ratio(
+        "BM_FactorsCoils/8/0/1/128/real_time vs literal",
+        reporter.median("BM_FactorsCoilsLiteral/8/0/1/128/iterations:1/real_time"),
+        reporter.median("BM_FactorsCoils/8/0/1/128/real_time"));
     // Each scan's reconstruction on one and two threads against the literal one (one thread).
     for (int scan = 0; scan < 5; ++scan)
         for (int noise = 0; noise < 2; ++noise) {

@@ -115,19 +115,22 @@ MRKIT_INLINE void gebp(const cd* a, Index ai, Index ak, const double* B, Index b
                        cd* dst, Index ldd) {
     const Index peeled = depth & ~Index(7), panels = cols / 4 * 4;
     const Double2 al = pair(alpha);
-    for (Index i = 0; i < rows; ++i) {
-        const cd* ar = a + i * ai;
-        const auto lhs = [&](Index k) {
-            const Double2 v = pair(ar[k * ak]);
-            return __builtin_shufflevector(v, v, 0, 1, 0, 1);
+    const auto lhs = [&](Index i, Index k) {
+        const Double2 v = pair(a[i * ai + k * ak]);
+        return __builtin_shufflevector(v, v, 0, 1, 0, 1);
+    };
+    // Panel by panel, each panel's right-hand entries kept in the first-level cache for all rows
+    // (Eigen goes row by row; each coefficient's sums are the same either way).
+    for (Index j = 0; j < panels; j += 4) {
+        const double* b = B + 4 * j * bj;
+        const auto rhs = [&](Index k, int c) {
+            return lanes::load<Double4>(b + 4 * (k * bk + c * bj));
         };
-        for (Index j = 0; j < panels; j += 4) {
-            const double* b = B + 4 * j * bj;
-            const auto rhs = [&](Index k, int c) { return lanes::load<Double4>(b + 4 * (k * bk + c * bj)); };
+        for (Index i = 0; i < rows; ++i) {
             Double4 C[4] = {}, D[4] = {};
             Index k = 0;
             for (; k < peeled; k += 2) {
-                const Double4 a0 = lhs(k), a1 = lhs(k + 1);
+                const Double4 a0 = lhs(i, k), a1 = lhs(i, k + 1);
                 for (int c = 0; c < 4; ++c) {
                     C[c] = a0 * rhs(k, c) + C[c];
                     D[c] = a1 * rhs(k + 1, c) + D[c];
@@ -135,17 +138,20 @@ MRKIT_INLINE void gebp(const cd* a, Index ai, Index ak, const double* B, Index b
             }
             for (int c = 0; c < 4; ++c) C[c] = C[c] + D[c];
             for (; k < depth; ++k) {
-                const Double4 a0 = lhs(k);
+                const Double4 a0 = lhs(i, k);
                 for (int c = 0; c < 4; ++c) C[c] = a0 * rhs(k, c) + C[c];
             }
             for (int c = 0; c < 4; ++c)
                 finish<ConjLhs, ConjRhs>(C[c], al, add ? add + i + (j + c) * ldadd : nullptr,
                                          dst + i + (j + c) * ldd);
         }
-        for (Index j = panels; j < cols; ++j) {
-            const double* b = B + 4 * j * bj;
+    }
+    for (Index j = panels; j < cols; ++j) {
+        const double* b = B + 4 * j * bj;
+        for (Index i = 0; i < rows; ++i) {
             Double4 C = {};
-            for (Index k = 0; k < depth; ++k) C = lhs(k) * lanes::load<Double4>(b + 4 * k * bk) + C;
+            for (Index k = 0; k < depth; ++k)
+                C = lhs(i, k) * lanes::load<Double4>(b + 4 * k * bk) + C;
             finish<ConjLhs, ConjRhs>(C, al, add ? add + i + j * ldadd : nullptr, dst + i + j * ldd);
         }
     }

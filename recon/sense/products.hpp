@@ -511,10 +511,14 @@ MRKIT_INLINE void chain_front(const Chain& c) {
                                      1);
     } else {
         const cd alpha = g::product_alpha(true, false);
-        for (Eigen::Index i = 0; i < k; ++i)
-            if (!c.psiIdentity || !g::identity_row<true>(c.S + i * c.lds, 1, m, c.T + i, k))
-                g::gebp<true, false>(c.S + i * c.lds, 0, 1, c.psiPacked, 1, m, 1, m, m, alpha,
-                                     nullptr, 0, c.T + i, k);
+        if (!c.psiIdentity)
+            g::gebp<true, false>(c.S, c.lds, 1, c.psiPacked, 1, m, k, m, m, alpha, nullptr, 0,
+                                 c.T, k);
+        else
+            for (Eigen::Index i = 0; i < k; ++i)
+                if (!g::identity_row<true>(c.S + i * c.lds, 1, m, c.T + i, k))
+                    g::gebp<true, false>(c.S + i * c.lds, 0, 1, c.psiPacked, 1, m, 1, m, m,
+                                         alpha, nullptr, 0, c.T + i, k);
     }
     if (lazy(m, k, k)) {
         times<false>(c.T, k, c.S, c.lds, m, k, k, c.A, k, c.D, c.ldd);
@@ -554,10 +558,14 @@ MRKIT_INLINE void chain_back(const Chain& c) {
                                       c.ldu);
     } else {
         const cd alpha = g::product_alpha(false, false);
-        for (Eigen::Index i = 0; i < k; ++i)
-            if (!c.psiIdentity || !g::identity_row<false>(c.W + i, k, m, c.U + i, c.ldu))
-                g::gebp<false, false>(c.W + i, 0, k, c.psiPacked, 1, m, 1, m, m, alpha, nullptr,
-                                      0, c.U + i, c.ldu);
+        if (!c.psiIdentity)
+            g::gebp<false, false>(c.W, 1, k, c.psiPacked, 1, m, k, m, m, alpha, nullptr, 0, c.U,
+                                  c.ldu);
+        else
+            for (Eigen::Index i = 0; i < k; ++i)
+                if (!g::identity_row<false>(c.W + i, k, m, c.U + i, c.ldu))
+                    g::gebp<false, false>(c.W + i, 0, k, c.psiPacked, 1, m, 1, m, m, alpha,
+                                          nullptr, 0, c.U + i, c.ldu);
     }
 }
 
