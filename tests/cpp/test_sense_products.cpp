@@ -79,7 +79,7 @@ TEST(SmallProducts, ChainBitIdenticalToEigenProducts) {
         ++rounds;
         if (!sp::chain_covered(k, coils)) continue;
         ++covered;
-        const int kind = round % 3;  // identity, Hermitian positive definite, arbitrary
+        const int kind = round / 3 % 3;  // identity, Hermitian positive definite, arbitrary
         const MatrixXcd S = v.matrix(coils, k);
         MatrixXcd psi;
         if (kind == 0) {
