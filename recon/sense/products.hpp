@@ -1,8 +1,10 @@
 // Small complex<double> matrix products written out with the very operations and summation order
 // Eigen 3.4 uses for them on SSE2 (one complex per packet): the results are bit-identical to the
-// Eigen expressions, NaN and signed zeros included, without their per-call dispatch cost. Eigen
-// takes this coefficient-based route only below a size threshold (`lazy`); callers keep the
-// Eigen expression otherwise, and everywhere when these kernels are not available.
+// Eigen expressions (a NaN may stand for another NaN), signed zeros included, without their
+// per-call dispatch cost. Below Eigen's size threshold (`lazy`) the coefficient-wise route is
+// here; above it the general routes of general_products.hpp. Chain puts the combination weights
+// together from both; callers keep the Eigen expressions where kEigenOrders is false or a shape
+// is not covered.
 #pragma once
 
 #include <Eigen/Dense>
