@@ -9,6 +9,10 @@
 // lanes::pick(name_baseline, name_avx2) chooses one from has_avx2(). Choose once per library
 // call and hand the pointer down; nothing below the choice asks again.
 //
+// Arrays in memory stay arrays of scalars, moved in and out with load() and store(): the 32-byte
+// types are aligned to 32 bytes in AVX2 code but to 16 in baseline code, so a pointer to them
+// from one may fault in the other.
+//
 // MRKIT_LANES is the one feature macro: defined where these types and the AVX2 twin exist
 // (x86-64 with GCC or clang). Elsewhere name_avx2 is name_baseline and pick() returns it.
 #pragma once

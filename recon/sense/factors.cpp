@@ -8,14 +8,8 @@
 #include <memory>
 #include <utility>
 #include <vector>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-#if defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-#endif
 
-#include "recon/cpu.hpp"
+#include "recon/lanes.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/toolkit/corners.hpp"
@@ -82,56 +76,26 @@ int ceil_div(int a, int b) {
     return (a + b - 1) / b;
 }
 
-#if defined(__x86_64__) && defined(__GNUC__)
-// interpolate_run eight x at a time from x; returns where it stopped.
-template <int Corners>
-__attribute__((target("avx2"))) int interpolate_run_avx2(const float* re, const float* im,
-                                                         const int* offset, const float* w, int x,
-                                                         int x1, std::complex<float>* to) {
-    __m256 weight[Corners];
-    for (int k = 0; k < Corners; ++k) weight[k] = _mm256_set1_ps(w[k]);
-    for (; x + 8 <= x1; x += 8) {
-        __m256 r = _mm256_mul_ps(_mm256_loadu_ps(re + x + offset[0]), weight[0]);
-        __m256 i = _mm256_mul_ps(_mm256_loadu_ps(im + x + offset[0]), weight[0]);
-        for (int k = 1; k < Corners; ++k) {
-            r = _mm256_add_ps(r, _mm256_mul_ps(_mm256_loadu_ps(re + x + offset[k]), weight[k]));
-            i = _mm256_add_ps(i, _mm256_mul_ps(_mm256_loadu_ps(im + x + offset[k]), weight[k]));
-        }
-        // x 0 1 4 5 and 2 3 6 7 with their parts side by side, then in order.
-        const __m256 a = _mm256_unpacklo_ps(r, i), b = _mm256_unpackhi_ps(r, i);
-        float* out = reinterpret_cast<float*>(to + x);
-        _mm256_storeu_ps(out, _mm256_permute2f128_ps(a, b, 0x20));
-        _mm256_storeu_ps(out + 8, _mm256_permute2f128_ps(a, b, 0x31));
-    }
-    return x;
-}
-#endif
-
 // to[x] = (sum over the corners of re[x + offset[k]] * w[k], the same of im), in corner order,
-// for x0 .. x1 - 1.
+// for x0 .. x1 - 1; eight x at a time, then one at a time.
 template <int Corners>
-void interpolate_run(const float* re, const float* im, const int* offset, const float* w, int x0,
-                     int x1, std::complex<float>* to, bool avx2) {
+MRKIT_INLINE void interpolate_run(const float* re, const float* im, const int* offset,
+                                  const float* w, int x0, int x1, std::complex<float>* to) {
+    using mrkit::lanes::Float8;
+    namespace ln = mrkit::lanes;
+    Float8 weight[Corners];
+    for (int k = 0; k < Corners; ++k) weight[k] = ln::splat<Float8>(w[k]);
     int x = x0;
-#if defined(__x86_64__) && defined(__GNUC__)
-    if (avx2) x = interpolate_run_avx2<Corners>(re, im, offset, w, x, x1, to);
-#endif
-    (void)avx2;
-#if defined(__SSE2__)
-    __m128 weight[Corners];
-    for (int k = 0; k < Corners; ++k) weight[k] = _mm_set1_ps(w[k]);
-    for (; x + 4 <= x1; x += 4) {
-        __m128 r = _mm_mul_ps(_mm_loadu_ps(re + x + offset[0]), weight[0]);
-        __m128 i = _mm_mul_ps(_mm_loadu_ps(im + x + offset[0]), weight[0]);
+    for (; x + 8 <= x1; x += 8) {
+        Float8 r = ln::load<Float8>(re + x + offset[0]) * weight[0];
+        Float8 i = ln::load<Float8>(im + x + offset[0]) * weight[0];
         for (int k = 1; k < Corners; ++k) {
-            r = _mm_add_ps(r, _mm_mul_ps(_mm_loadu_ps(re + x + offset[k]), weight[k]));
-            i = _mm_add_ps(i, _mm_mul_ps(_mm_loadu_ps(im + x + offset[k]), weight[k]));
+            r = r + ln::load<Float8>(re + x + offset[k]) * weight[k];
+            i = i + ln::load<Float8>(im + x + offset[k]) * weight[k];
         }
-        float* out = reinterpret_cast<float*>(to + x);
-        _mm_storeu_ps(out, _mm_unpacklo_ps(r, i));
-        _mm_storeu_ps(out + 4, _mm_unpackhi_ps(r, i));
+        ln::store(to + x, __builtin_shufflevector(r, i, 0, 8, 1, 9, 2, 10, 3, 11));
+        ln::store(to + x + 4, __builtin_shufflevector(r, i, 4, 12, 5, 13, 6, 14, 7, 15));
     }
-#endif
     for (; x < x1; ++x) {
         float r = re[x + offset[0]] * w[0], i = im[x + offset[0]] * w[0];
         for (int k = 1; k < Corners; ++k) {
@@ -141,6 +105,35 @@ void interpolate_run(const float* re, const float* im, const int* offset, const 
         to[x] = {r, i};
     }
 }
+MRKIT_INLINE void interpolate_run4(const float* re, const float* im, const int* offset,
+                                   const float* w, int x0, int x1, std::complex<float>* to) {
+    interpolate_run<4>(re, im, offset, w, x0, x1, to);
+}
+MRKIT_INLINE void interpolate_run8(const float* re, const float* im, const int* offset,
+                                   const float* w, int x0, int x1, std::complex<float>* to) {
+    interpolate_run<8>(re, im, offset, w, x0, x1, to);
+}
+MRKIT_PER_TARGET(interpolate_run4, interpolate_run4)
+MRKIT_PER_TARGET(interpolate_run8, interpolate_run8)
+
+// The runs of one and of two planes of corners for this processor, chosen once per call.
+struct RunKernels {
+    using Run = void (*)(const float*, const float*, const int*, const float*, int, int,
+                         std::complex<float>*);
+    Run four, eight;
+    static RunKernels pick() {
+        using A = std::complex<float>*;
+        namespace ln = mrkit::lanes;
+        return {ln::pick(&interpolate_run4_baseline<const float*, const float*, const int*,
+                                                    const float*, int, int, A>,
+                         &interpolate_run4_avx2<const float*, const float*, const int*,
+                                                const float*, int, int, A>),
+                ln::pick(&interpolate_run8_baseline<const float*, const float*, const int*,
+                                                    const float*, int, int, A>,
+                         &interpolate_run8_avx2<const float*, const float*, const int*,
+                                                const float*, int, int, A>)};
+    }
+};
 
 // What every worker reads, and the two outputs they share.
 struct Problem {
@@ -150,11 +143,17 @@ struct Problem {
     const Eigen::VectorXf& regImage;
     const Eigen::MatrixXcd& psiInv;
     bool psiIdentity;
+    const double* psiPacked;  // psiInv for the blocked products
+    RunKernels runs;
+    mrkit::small::ChainKernels kernels;
     Eigen::VectorXcd& factors;
     std::atomic<int>& status;
 };
 
 using mrkit::sense::Validity;
+
+// Largest count of valid positions whose inverse mrkit::small computes.
+constexpr int kSmallSolve = mrkit::small::kEigenOrders ? mrkit::small::kSmallSolve : 0;
 
 // One worker's scratch, reused for every voxel it solves, with the validity rule fixed.
 template <Validity Rule>
@@ -168,21 +167,22 @@ class Worker {
           S_(p.coils, slots),
           D_(Eigen::MatrixXcd::Zero(slots, slots)),
           solves_(slots + 1),
+          U_(static_cast<size_t>(slots) * p.coils),
           maps_(static_cast<size_t>(slots) * p.coils * tile) {}
 
     // Factors of the folded voxels x0 .. x1 - 1 (at most one tile) of one line, voxel x into
-    // out + (x - x0) * perVoxel as solve() writes them; `valid` holds the tile's flags, slots
-    // per column. All voxels of a line share their aliased positions, so each position's maps
+    // out + (x - x0) as solve() writes them, blocks `step` apart; `valid` holds the tile's flags,
+    // slots per column. All voxels of a line share their aliased positions, so each position's maps
     // are interpolated for the whole run of x at once.
     void solve_line(int x0, int x1, const Line& ys, const Line& zs, int* valid,
-                    std::complex<double>* out, size_t perVoxel) {
+                    std::complex<double>* out, size_t step) {
         const int nx = p_.nx, ny = p_.ny, n = ys.count * zs.count;
         // A position past the maps takes no slot (sizes the caller got wrong): voxel by voxel.
         for (int iy = 0; iy < ys.count; ++iy)
             for (int iz = 0; iz < zs.count; ++iz)
                 if (x1 - 1 + nx * (ys.line[iy] + ny * zs.line[iz]) >= p_.nTot) {
                     for (int x = x0; x < x1; ++x)
-                        solve(x, ys, zs, valid + (x - x0) * slots_, out + (x - x0) * perVoxel);
+                        solve(x, ys, zs, valid + (x - x0) * slots_, out + (x - x0), step);
                     return;
                 }
         // Only coil 0's real map decides, and only where an imaginary map exists.
@@ -216,14 +216,16 @@ class Worker {
                     to[c] = std::complex<double>(*from);
                 ++K;
             }
-            store(K, n, flags, out + (x - x0) * perVoxel);
+            store(K, n, flags, out + (x - x0), step);
         }
     }
 
-    // Factors of folded voxel x of a line with the aliased lines ys and zs, into out[s + c * n]
-    // (n = ys.count * zs.count); `valid` holds the flags of column x, which stay set once set.
-    void solve(int x, const Line& ys, const Line& zs, int* valid, std::complex<double>* out) {
-        store(collect(x, ys, zs, valid), ys.count * zs.count, valid, out);
+    // Factors of folded voxel x of a line with the aliased lines ys and zs, block s + c n at
+    // out[(s + c n) step] (n = ys.count * zs.count); `valid` holds the flags of column x, which
+    // stay set once set.
+    void solve(int x, const Line& ys, const Line& zs, int* valid, std::complex<double>* out,
+               size_t step) {
+        store(collect(x, ys, zs, valid), ys.count * zs.count, valid, out, step);
     }
 
   private:
@@ -240,26 +242,17 @@ class Worker {
 
     // Solves for the first K columns of S and stores U packed by the voxel's own slot count n.
     // Flags left set by earlier voxels past the slots visited here have no row and store 0.
-    void store(int K, int n, const int* valid, std::complex<double>* out) {
-        if (K == 0) {
-            std::fill(out, out + static_cast<size_t>(n) * p_.coils, 0.0);
-            return;
-        }
-        // With every slot valid, slot s is row s: U goes straight to the output.
-        if (K == n) {
-            weights(K, out);
-            return;
-        }
-        const std::complex<double>* U = weights(K, nullptr);
+    void store(int K, int n, const int* valid, std::complex<double>* out, size_t step) {
+        const std::complex<double>* U = K > 0 ? weights(K) : nullptr;
         for (int c = 0; c < p_.coils; ++c) {
             int row = 0;
             for (int s = 0; s < n; ++s) {
                 std::complex<double> value = 0.0;
-                if (valid[s]) {
+                if (K > 0 && valid[s]) {
                     if (row < K) value = U[row + c * K];
                     ++row;
                 }
-                out[s + c * n] = value;
+                out[(s + static_cast<size_t>(c) * n) * step] = value;
             }
         }
     }
@@ -313,36 +306,32 @@ class Worker {
         }
         for (int c = 0; c < p_.coils; ++c) {
             const float *re = p_.sensRe + c * N + b0, *im = p_.sensIm + c * N + b0;
-            if (corners == 4)
-                interpolate_run<4>(re, im, offset, w, x0, x1, map(j, c) - x0, avx2_);
-            else
-                interpolate_run<8>(re, im, offset, w, x0, x1, map(j, c) - x0, avx2_);
+            (corners == 4 ? p_.runs.four : p_.runs.eight)(re, im, offset, w, x0, x1,
+                                                          map(j, c) - x0);
         }
     }
 
     // Products and inverse for one count K of valid positions, kept per K so that voxels
-    // alternating between counts (non-integer factors) never reallocate.
-    // The whole chain runs either in mrkit::small's kernels on `scratch` or through the
-    // matrices; each case allocates only its own.
+    // alternating between counts (non-integer factors) never reallocate. The chain runs in
+    // mrkit::small's kernels where they cover its shapes, and through Eigen's expressions
+    // otherwise; the inverse in mrkit::small up to its size, through PartialPivLU above.
     struct Solve {
-        bool small = false;
+        bool kernels = false;
         std::vector<std::complex<double>> scratch;
-        Eigen::MatrixXcd T, A, factored, inv, W, U;
+        std::vector<double> packedS;
+        Eigen::MatrixXcd T, A, inv, W;
         Eigen::PartialPivLU<Eigen::MatrixXcd> lu;
-        Solve(int K, int coils) : U(K, coils) {
-#ifdef MRKIT_SMALL_PRODUCTS
-            small = mrkit::small::small_weights(K, coils);
-#endif
-            if (small) {
-                scratch.resize(static_cast<size_t>(2 * K * coils + 3 * K * K));
-                return;
+        Solve(int K, int coils) : inv(K, K) {
+            kernels = mrkit::small::kEigenOrders && mrkit::small::chain_covered(K, coils);
+            if (kernels) {
+                scratch.resize(static_cast<size_t>(2 * K * coils + 2 * K * K));
+                packedS.resize(static_cast<size_t>(4) * K * coils);
+            } else {
+                T.resize(K, coils);
+                W.resize(K, coils);
             }
-            T.resize(K, coils);
             A.resize(K, K);
-            factored.resize(K, K);
-            inv.resize(K, K);
-            W.resize(K, coils);
-            lu = Eigen::PartialPivLU<Eigen::MatrixXcd>(K);
+            if (K > kSmallSolve) lu = Eigen::PartialPivLU<Eigen::MatrixXcd>(K);
         }
     };
 
@@ -390,50 +379,56 @@ class Worker {
         return K;
     }
 
-    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S, K x coils into `to`
-    // (own scratch when null); returns where it is.
-    const std::complex<double>* weights(int K, std::complex<double>* to) {
+    // U = ((S^H Psi^-1 S + D)^-1 S^H) Psi^-1 for the first K columns of S, K x coils; returns
+    // where it is.
+    const std::complex<double>* weights(int K) {
         // D's off-diagonal stays zero, and its diagonal is rewritten whenever lambda is used.
         if (p_.lambda != 0.0)
             for (int k = 0; k < K; ++k)
                 D_(k, k) = prior_[k] == 0.0 ? 0.0 : 1.0 / (std::pow(prior_[k], 2.0) * p_.lambda);
         if (!solves_[K]) solves_[K] = std::make_unique<Solve>(K, p_.coils);
         Solve& m = *solves_[K];
-        if (!to) to = m.U.data();
-        namespace sp = mrkit::small;
-#ifdef MRKIT_SMALL_PRODUCTS
-        if (m.small) {
-            sp::with_inner(p_.coils, [&](auto M) {
-                sp::combination_weights<M()>(S_.data(), S_.rows(), p_.coils, K, p_.psiInv.data(),
-                                             p_.psiIdentity, D_.data(), D_.rows(), m.scratch.data(),
-                                             to, K, avx2_);
-            });
+        std::complex<double>* to = U_.data();
+        const auto Sk = S_.leftCols(K);
+        if (m.kernels) {
+            namespace sp = mrkit::small;
+            const Eigen::Index coils = p_.coils;
+            std::complex<double>* T = m.scratch.data();
+            const sp::Chain chain{S_.data(),    S_.rows(),      coils,        K,
+                                  p_.psiInv.data(), p_.psiPacked, p_.psiIdentity, D_.data(),
+                                  D_.rows(),    T,              m.A.data(),   m.inv.data(),
+                                  T + K * coils, m.packedS.data(), to,         K};
+            p_.kernels.front(chain);
+            invert(m, K);
+            p_.kernels.back(chain);
             return to;
         }
-#endif
-        const auto Sk = S_.leftCols(K);
-        sp::adjoint_times(Sk, p_.psiInv, m.T, p_.psiIdentity);
-        sp::times_plus(m.T, Sk, D_.topLeftCorner(K, K), m.A, avx2_);
-#ifdef MRKIT_SMALL_PRODUCTS
-        if (K <= sp::kSmallSolve)
-            sp::lu_inverse(m.A.data(), K, K, m.factored.data(), m.inv.data());
-        else
-#endif
-        {
-            m.lu.compute(m.A);
-            lu_inverse(m.lu, m.inv);
-        }
-        sp::times_adjoint(m.inv, Sk, m.W, avx2_);
-        sp::times(m.W, p_.psiInv, Eigen::Map<Eigen::MatrixXcd>(to, K, p_.coils), p_.psiIdentity);
+        m.T.noalias() = Sk.adjoint() * p_.psiInv;
+        m.A.noalias() = m.T * Sk;
+        m.A += D_.topLeftCorner(K, K);
+        invert(m, K);
+        m.W.noalias() = m.inv * Sk.adjoint();
+        Eigen::Map<Eigen::MatrixXcd>(to, K, p_.coils).noalias() = m.W * p_.psiInv;
         return to;
     }
 
+    // m.inv = m.A^-1.
+    void invert(Solve& m, int K) {
+        if (K <= kSmallSolve) {
+            mrkit::small::lu_inverse(m.A.data(), K, K, m.scratch.data() + 2 * K * p_.coils,
+                                     m.inv.data());
+            return;
+        }
+        m.lu.compute(m.A);
+        lu_inverse(m.lu, m.inv);
+    }
+
     const Problem& p_;
-    const bool avx2_ = mrkit::has_avx2();
     const int slots_, tile_;
     std::vector<double> prior_;
     Eigen::MatrixXcd S_, D_;
     std::vector<std::unique_ptr<Solve>> solves_;
+    std::vector<std::complex<double>> U_;  // K x coils when not written straight out
     std::vector<std::complex<float>> maps_;  // per slot and coil: the maps along the tile's x
 };
 
@@ -493,8 +488,18 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
 
     std::atomic<int> status{1};
     const bool psiIdentity = mrkit::small::is_identity(psiInv);
-    const Problem problem{sensRe, sensIm, nx,       ny,     nVox,        nTot,    nYf,   nZf,
-                          coils,  lambda, regImage, psiInv, psiIdentity, factors, status};
+    std::vector<double> psiPacked(static_cast<size_t>(4) * coils * coils);
+    mrkit::general::pack(psiInv.data(), coils, coils, coils, psiPacked.data(), 1, coils);
+    const Problem problem{sensRe,      sensIm,
+                          nx,          ny,
+                          nVox,        nTot,
+                          nYf,         nZf,
+                          coils,       lambda,
+                          regImage,    psiInv,
+                          psiIdentity, psiPacked.data(),
+                          RunKernels::pick(),
+                          mrkit::small::ChainKernels::pick(),
+                          factors,     status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;
         constexpr int kTile = 32;
@@ -502,11 +507,10 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
         // Columns go a tile at a time with x innermost, so maps are read and factors written
         // along rows; each column of the tile keeps its own validity flags.
         std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
-        // The tile's factors of one (yf, zf) line, voxel by voxel, then written block by block:
-        // the blocks lie a whole factor grid apart (often a multiple of 4 KiB), too many to write
-        // to at once.
-        const size_t perVoxel = static_cast<size_t>(slots) * coils;
-        std::vector<std::complex<double>> line(kTile * perVoxel);
+        // The tile's factors of one (yf, zf) line, block by block with x innermost, then written
+        // out a block at a time: the blocks lie a whole factor grid apart (often a multiple of
+        // 4 KiB), too many to write to at once.
+        std::vector<std::complex<double>> line(static_cast<size_t>(kTile) * slots * coils);
         const size_t V = static_cast<size_t>(nx) * nYf * nZf;
         // A host's stop request ends the call between tiles (the factors are then incomplete).
         for (int x0 = begin; x0 < end && !mrkit::interrupted(); x0 += kTile) {
@@ -515,28 +519,15 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
             for (int yf = 0; yf < nYf; ++yf)
                 for (int zf = 0; zf < nZf; ++zf) {
                     worker.solve_line(x0, x1, yLines[yf], zLines[zf], validFlags.data(),
-                                      line.data(), perVoxel);
+                                      line.data(), kTile);
                     const int blocks = yLines[yf].count * zLines[zf].count * coils;
                     std::complex<double>* out =
                         factors.data() + x0 + static_cast<size_t>(nx) * (yf + nYf * zf);
-                    // Streamed past the caches: the factor vector is much larger than they are
-                    // and is read again only after all of it is written.
                     for (int b = 0; b < blocks; ++b)
-                        for (int x = x0; x < x1; ++x) {
-                            std::complex<double>* to = out + b * V + (x - x0);
-                            const std::complex<double>& from = line[(x - x0) * perVoxel + b];
-#if defined(__SSE2__)
-                            _mm_stream_pd(reinterpret_cast<double*>(to),
-                                          _mm_loadu_pd(reinterpret_cast<const double*>(&from)));
-#else
-                            *to = from;
-#endif
-                        }
+                        std::copy(line.begin() + b * kTile, line.begin() + b * kTile + (x1 - x0),
+                                  out + b * V);
                 }
         }
-#if defined(__SSE2__)
-        _mm_sfence();  // the streamed stores visible before the region's closing barrier
-#endif
     });
 
     if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);

@@ -1,8 +1,10 @@
 // Small complex<double> matrix products written out with the very operations and summation order
 // Eigen 3.4 uses for them on SSE2 (one complex per packet): the results are bit-identical to the
-// Eigen expressions, NaN and signed zeros included, without their per-call dispatch cost. Eigen
-// takes this coefficient-based route only below a size threshold (`lazy`); callers keep the
-// Eigen expression otherwise, and everywhere when these kernels are not available.
+// Eigen expressions (a NaN may stand for another NaN), signed zeros included, without their
+// per-call dispatch cost. Below Eigen's size threshold (`lazy`) the coefficient-wise route is
+// here; above it the general routes of general_products.hpp. Chain puts the combination weights
+// together from both; callers keep the Eigen expressions where kEigenOrders is false or a shape
+// is not covered.
 #pragma once
 
 #include <Eigen/Dense>
@@ -13,20 +15,24 @@
 #include <limits>
 #include <type_traits>
 
-#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
-    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
-    !EIGEN_VERSION_AT_LEAST(3, 4, 90)
-#define MRKIT_SMALL_PRODUCTS 1
-#endif
+#include "recon/lanes.hpp"
+#include "recon/sense/general_products.hpp"
 
-#ifdef MRKIT_SMALL_PRODUCTS
 namespace mrkit::small {
+
+// Whether this build's Eigen takes the product orders the kernels here repeat (3.4 with SSE2
+// packets, one complex<double> each). The configure step refuses other builds unless told to
+// accept them; then the library keeps the Eigen expressions.
+constexpr bool kEigenOrders =
+#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) && \
+    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && !EIGEN_VERSION_AT_LEAST(3, 4, 90)
+    true;
+#else
+    false;
+#endif
 
 using cd = std::complex<double>;
 using cf = std::complex<float>;
-using Packet = Eigen::internal::Packet1cd;
-static_assert(std::is_same<Eigen::internal::packet_traits<cd>::type, Packet>::value,
-              "one complex<double> per packet expected");
 
 // Whether Eigen evaluates a product into a rows x cols result with `inner` terms per
 // coefficient coefficient-wise rather than through its blocked kernel.
@@ -34,21 +40,15 @@ inline bool lazy(Eigen::Index inner, Eigen::Index rows, Eigen::Index cols) {
     return inner + rows + cols < EIGEN_GEMM_TO_COEFFBASED_THRESHOLD && inner > 0;
 }
 
-inline Packet load(const cd* p) {
-    return Eigen::internal::ploadu<Packet>(p);
-}
-inline void store(cd* p, const Packet& v) {
-    Eigen::internal::pstoreu(p, v);
-}
-
 // dst (k x n) = a^H b, a m x k, b m x n, column-major with leading dimensions. Each coefficient
 // is a sum reduction over m of conj(a) * b, in two interleaved partial sums (even and odd
 // terms) joined at the end, with an odd last term added after. M > 0 fixes m at compile time.
 template <int M = 0>
-inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
-                          Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
-                          Eigen::Index ldd) {
-    using namespace Eigen::internal;
+MRKIT_INLINE void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                                Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
+                                Eigen::Index ldd) {
+    namespace g = mrkit::general;
+    using lanes::Double2;
     const Eigen::Index m = M > 0 ? M : runtimeM;
     const Eigen::Index even = (m / 2) * 2;
     for (Eigen::Index c = 0; c < n; ++c) {
@@ -56,66 +56,57 @@ inline void adjoint_times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Ind
         for (Eigen::Index r = 0; r < k; ++r) {
             const cd* ar = a + r * lda;
             const auto term = [&](Eigen::Index i) {
-                return pmul(pconj(load(ar + i)), load(bc + i));
+                return g::pmul(g::conj(g::pair(ar[i])), g::pair(bc[i]));
             };
-            Packet s0 = term(0);
+            Double2 s0 = term(0);
             if (m > 1) {
-                Packet s1 = term(1);
+                Double2 s1 = term(1);
                 for (Eigen::Index i = 2; i < even; i += 2) {
-                    s0 = padd(s0, term(i));
-                    s1 = padd(s1, term(i + 1));
+                    s0 = s0 + term(i);
+                    s1 = s1 + term(i + 1);
                 }
-                s0 = padd(s0, s1);
-                if (m > even) s0 = padd(s0, term(even));
+                s0 = s0 + s1;
+                if (m > even) s0 = s0 + term(even);
             }
-            store(dst + r + c * ldd, s0);
+            lanes::store(dst + r + c * ldd, s0);
         }
     }
 }
 
 // dst (k x n) = a b, a k x m, b m x n (or b^H, b then n x m, when `adjointB`), and then, when
 // `add` is given (k x n, leading dimension ldadd), dst += add. Each coefficient accumulates from
-// zero, term by term, as product + running sum.
+// zero, term by term, as product + running sum; two rows of dst go side by side. M > 0 fixes m
+// at compile time.
 template <bool adjointB, int M = 0>
-inline void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
-                  Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst, Eigen::Index ldd,
-                  const cd* add = nullptr, Eigen::Index ldadd = 0) {
-    using namespace Eigen::internal;
-    const Eigen::Index m = M > 0 ? M : runtimeM;
+MRKIT_INLINE void times(const cd* a, Eigen::Index lda, const cd* b, Eigen::Index ldb,
+                        Eigen::Index runtimeM, Eigen::Index k, Eigen::Index n, cd* dst,
+                        Eigen::Index ldd, const cd* add = nullptr, Eigen::Index ldadd = 0) {
+    namespace g = mrkit::general;
+    using lanes::Double2;
+    using lanes::Double4;
+    const Eigen::Index m = M > 0 ? M : runtimeM, pairs = k / 2 * 2;
+    const auto right = [&](Eigen::Index i, Eigen::Index c) {
+        // conj flips the sign of the imaginary part, as pconj does in the register.
+        return adjointB ? g::conj(g::pair(b[c + i * ldb])) : g::pair(b[i + c * ldb]);
+    };
     for (Eigen::Index c = 0; c < n; ++c) {
-        for (Eigen::Index r = 0; r < k; ++r) {
-            Packet s = pset1<Packet>(cd(0));
+        for (Eigen::Index r = 0; r < pairs; r += 2) {
+            Double4 s = {};
             for (Eigen::Index i = 0; i < m; ++i) {
-                // conj flips the sign of the imaginary part, as pconj does in the register.
-                const Packet bi = adjointB ? pconj(load(b + c + i * ldb)) : load(b + i + c * ldb);
-                s = padd(pmul(load(a + r + i * lda), bi), s);
+                const Double2 y = right(i, c);
+                s = g::pmul2(lanes::load<Double4>(a + r + i * lda),
+                             __builtin_shufflevector(y, y, 0, 1, 0, 1)) +
+                    s;
             }
-            if (add) s = padd(s, load(add + r + c * ldadd));
-            store(dst + r + c * ldd, s);
+            if (add) s = s + lanes::load<Double4>(add + r + c * ldadd);
+            lanes::store(dst + r + c * ldd, s);
         }
-    }
-}
-
-// Calls f with the inner size m as a compile-time constant when it is small, so that the
-// loops over it unroll (0: use the runtime size).
-template <class F>
-void with_inner(Eigen::Index m, F&& f) {
-    using std::integral_constant;
-    switch (m) {
-        case 1:
-            return f(integral_constant<int, 1>());
-        case 2:
-            return f(integral_constant<int, 2>());
-        case 3:
-            return f(integral_constant<int, 3>());
-        case 4:
-            return f(integral_constant<int, 4>());
-        case 6:
-            return f(integral_constant<int, 6>());
-        case 8:
-            return f(integral_constant<int, 8>());
-        default:
-            return f(integral_constant<int, 0>());
+        if (pairs < k) {
+            Double2 s = {};
+            for (Eigen::Index i = 0; i < m; ++i) s = g::pmul(g::pair(a[k - 1 + i * lda]), right(i, c)) + s;
+            if (add) s = s + g::pair(add[k - 1 + c * ldadd]);
+            lanes::store(dst + k - 1 + c * ldd, s);
+        }
     }
 }
 
@@ -128,40 +119,40 @@ void with_inner(Eigen::Index m, F&& f) {
 // adjoint_times for b = I (m x m): term i of coefficient (r, c) is conj(a) * (1 or 0), whose real
 // part is a zero signed negative exactly when both parts of a are, and whose imaginary part is a
 // zero signed negative exactly when the real part of a is and the imaginary part is not. A part
-// that is not zero is the sum; a zero part takes the sign of that sum of zeros. M > 0 fixes m at
-// compile time.
-template <int M = 0>
-inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index runtimeM,
-                                   Eigen::Index k, cd* dst, Eigen::Index ldd) {
-    const Eigen::Index m = M > 0 ? M : runtimeM;
-    // v - v is +0 exactly for finite v (NaN otherwise), so OR-ing them stays +0 while all are.
-    const __m128d zero = _mm_setzero_pd(), conjugate = _mm_set_pd(-0.0, 0.0);
+// that is not zero is the sum; a zero part takes the sign of that sum of zeros.
+MRKIT_INLINE bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index m,
+                                         Eigen::Index k, cd* dst, Eigen::Index ldd) {
+    namespace g = mrkit::general;
+    using lanes::Bits2;
+    using lanes::Double2;
     for (Eigen::Index r = 0; r < k; ++r) {
-        const double* ar = reinterpret_cast<const double*>(a + r * lda);
-        __m128d spoilt = zero, zeros = zero;
+        const cd* ar = a + r * lda;
+        // v - v is +0 exactly for finite v (NaN otherwise), so the sum stays +0 while all are.
+        Double2 spoilt = {};
+        Bits2 zeros = {};
         for (Eigen::Index c = 0; c < m; ++c) {
-            const __m128d v = _mm_loadu_pd(ar + 2 * c);
-            spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
-            zeros = _mm_or_pd(zeros, _mm_cmpeq_pd(v, zero));
-            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), _mm_xor_pd(v, conjugate));
+            const Double2 v = g::pair(ar[c]);
+            spoilt = spoilt + (v - v);
+            zeros = zeros | (v == Double2{});
+            lanes::store(dst + r + c * ldd, g::conj(v));
         }
-        if (_mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) != 3) return false;
-        if (_mm_movemask_pd(zeros) == 0) continue;
-        // Sign bits (bit 0 real): set in every entry, set in some entry.
-        __m128d all = _mm_castsi128_pd(_mm_set1_epi32(-1)), any = zero;
+        if (spoilt[0] != 0.0 || spoilt[1] != 0.0) return false;
+        if (!zeros[0] && !zeros[1]) continue;
+        // Sign bits: set in every entry, set in some entry.
+        Bits2 all = {-1, -1}, any = {};
         for (Eigen::Index i = 0; i < m; ++i) {
-            const __m128d v = _mm_loadu_pd(ar + 2 * i);
-            all = _mm_and_pd(all, v);
-            any = _mm_or_pd(any, v);
+            const Bits2 v = reinterpret_cast<Bits2>(g::pair(ar[i]));
+            all = all & v;
+            any = any | v;
         }
-        const int every = _mm_movemask_pd(all), some = _mm_movemask_pd(any);
-        const bool reNegative = every == 3, imNegative = (every & 1) && !(some & 2);
-        const __m128d signs = _mm_set_pd(imNegative ? -0.0 : 0.0, reNegative ? -0.0 : 0.0);
+        const bool reNegative = all[0] < 0 && all[1] < 0, imNegative = all[0] < 0 && any[1] >= 0;
+        const Double2 signs = {reNegative ? -0.0 : 0.0, imNegative ? -0.0 : 0.0};
         for (Eigen::Index c = 0; c < m; ++c) {
-            const __m128d v = _mm_xor_pd(_mm_loadu_pd(ar + 2 * c), conjugate);
-            const __m128d nonzero = _mm_cmpneq_pd(v, zero);
-            _mm_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd),
-                          _mm_or_pd(_mm_and_pd(nonzero, v), _mm_andnot_pd(nonzero, signs)));
+            const Double2 v = g::conj(g::pair(ar[c]));
+            const Bits2 nonzero = v != Double2{};
+            lanes::store(dst + r + c * ldd,
+                         reinterpret_cast<Double2>((reinterpret_cast<Bits2>(v) & nonzero) |
+                                                   (reinterpret_cast<Bits2>(signs) & ~nonzero)));
         }
     }
     return true;
@@ -169,26 +160,24 @@ inline bool adjoint_times_identity(const cd* a, Eigen::Index lda, Eigen::Index r
 
 // times<false> for b = I: the sums start from +0, so a zero result is always +0. A non-finite
 // entry is found only after every coefficient is written.
-inline bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m, cd* dst,
-                           Eigen::Index ldd) {
-    const __m128d zero = _mm_setzero_pd();
-    __m128d spoilt = zero;
-    const auto copy = [&](const cd* from, cd* to) {
-        const __m128d v = _mm_loadu_pd(reinterpret_cast<const double*>(from));
-        spoilt = _mm_or_pd(spoilt, _mm_sub_pd(v, v));
-        _mm_storeu_pd(reinterpret_cast<double*>(to), _mm_add_pd(v, zero));
-    };
-    if (lda == k && ldd == k)
-        for (Eigen::Index i = 0; i < k * m; ++i) copy(a + i, dst + i);
-    else
-        for (Eigen::Index c = 0; c < m; ++c)
-            for (Eigen::Index r = 0; r < k; ++r) copy(a + r + c * lda, dst + r + c * ldd);
-    return _mm_movemask_pd(_mm_cmpeq_pd(spoilt, zero)) == 3;
+MRKIT_INLINE bool times_identity(const cd* a, Eigen::Index lda, Eigen::Index k, Eigen::Index m,
+                                 cd* dst, Eigen::Index ldd) {
+    namespace g = mrkit::general;
+    using lanes::Double2;
+    Double2 spoilt = {};
+    for (Eigen::Index c = 0; c < m; ++c)
+        for (Eigen::Index r = 0; r < k; ++r) {
+            const Double2 v = g::pair(a[r + c * lda]);
+            spoilt = spoilt + (v - v);
+            lanes::store(dst + r + c * ldd, v + Double2{});
+        }
+    return spoilt[0] == 0.0 && spoilt[1] == 0.0;
 }
 
-// Largest matrix handled here; Eigen's triangular solves stay in their scalar panel loop up
-// to 4 rows, and up to 3 even the signs of NaN results agree with it in this build.
-constexpr Eigen::Index kSmallSolve = 3;
+// Largest matrix handled here: Eigen's triangular solves stay in their scalar panel loop up to 4
+// rows (from 5 on they update the rows below a panel with the blocked kernel). At 4 a NaN may
+// come out with the other sign, as elsewhere where the compiler orders a sum's operands.
+constexpr Eigen::Index kSmallSolve = 4;
 
 // inv = A^-1 for a k x k A (k <= kSmallSolve; lu is k x k scratch) as Eigen's PartialPivLU followed
 // by the permuted identity and the unit-lower and upper triangular solves computes it: pivots by
@@ -197,7 +186,8 @@ constexpr Eigen::Index kSmallSolve = 3;
 // size is fixed at compile time, so that the loops unroll.
 template <int K>
 inline void lu_inverse_fixed(const cd* a, Eigen::Index lda, cd* lu, cd* inv) {
-    using namespace Eigen::internal;
+    namespace g = mrkit::general;
+    using lanes::Double2;
     constexpr Eigen::Index k = K;
     for (Eigen::Index c = 0; c < k; ++c)
         for (Eigen::Index r = 0; r < k; ++r) lu[r + c * k] = a[r + c * lda];
@@ -225,14 +215,17 @@ inline void lu_inverse_fixed(const cd* a, Eigen::Index lda, cd* lu, cd* inv) {
                 for (Eigen::Index c = 0; c < k; ++c) std::swap(lu[j + c * k], lu[best + c * k]);
                 std::swap(perm[j], perm[best]);
             }
-            const Packet pivot = pset1<Packet>(lu[j + j * k]);
+            // pdiv<Packet1cd>: a conj(b) over |b|^2 summed from the squared parts.
+            const Double2 pivot = g::pair(lu[j + j * k]), squares = pivot * pivot;
+            const Double2 norm = squares + g::swap(squares);
             for (Eigen::Index r = j + 1; r < k; ++r)
-                store(lu + r + j * k, pdiv(load(lu + r + j * k), pivot));
+                lanes::store(lu + r + j * k, g::pmul(g::pair(lu[r + j * k]), g::conj(pivot)) / norm);
         }
         for (Eigen::Index c = j + 1; c < k; ++c) {
-            const Packet s = pset1<Packet>(lu[j + c * k]);
+            const Double2 s = g::pair(lu[j + c * k]);
             for (Eigen::Index r = j + 1; r < k; ++r)
-                store(lu + r + c * k, psub(load(lu + r + c * k), pmul(s, load(lu + r + j * k))));
+                lanes::store(lu + r + c * k,
+                             g::pair(lu[r + c * k]) - g::pmul(s, g::pair(lu[r + j * k])));
         }
     }
     // Row perm[i] of A went to row i: the permuted identity has its 1 at (i, perm[i]).
@@ -258,133 +251,149 @@ inline void lu_inverse_fixed(const cd* a, Eigen::Index lda, cd* lu, cd* inv) {
 }
 
 inline void lu_inverse(const cd* a, Eigen::Index lda, Eigen::Index k, cd* lu, cd* inv) {
-    static_assert(kSmallSolve == 3, "one case per size");
+    static_assert(kSmallSolve == 4, "one case per size");
     switch (k) {
         case 1:
             return lu_inverse_fixed<1>(a, lda, lu, inv);
         case 2:
             return lu_inverse_fixed<2>(a, lda, lu, inv);
-        default:
+        case 3:
             return lu_inverse_fixed<3>(a, lda, lu, inv);
+        default:
+            return lu_inverse_fixed<4>(a, lda, lu, inv);
     }
 }
 
-#if defined(__x86_64__) && defined(__GNUC__)
-#define MRKIT_AVX2_PAIRS 1
 }  // namespace mrkit::small
-#include <immintrin.h>
+
 namespace mrkit::small {
-// Eigen's complex product of two complex<float> per 128-bit lane, as in pmul<Packet2cf>.
-__attribute__((target("avx2"))) inline __m256 pmul_avx2(__m256 a, __m256 b) {
-    const __m256 sign = _mm256_castsi256_ps(_mm256_setr_epi32(
-        int(0x80000000), 0, int(0x80000000), 0, int(0x80000000), 0, int(0x80000000), 0));
-    return _mm256_add_ps(
-        _mm256_mul_ps(_mm256_moveldup_ps(a), b),
-        _mm256_xor_ps(_mm256_mul_ps(_mm256_movehdup_ps(a), _mm256_permute_ps(b, 0xB1)), sign));
-}
 
-// times() for two rows of dst at a time, one per 128-bit lane: lane by lane the operations of
-// Eigen's complex<double> product (pmul<Packet1cd>) and the same sums. An odd last row goes
-// through times() itself.
-template <bool adjointB, int M = 0>
-__attribute__((target("avx2"))) inline void times_avx2(const cd* a, Eigen::Index lda, const cd* b,
-                                                       Eigen::Index ldb, Eigen::Index runtimeM,
-                                                       Eigen::Index k, Eigen::Index n, cd* dst,
-                                                       Eigen::Index ldd, const cd* add = nullptr,
-                                                       Eigen::Index ldadd = 0) {
-    const Eigen::Index m = M > 0 ? M : runtimeM, pairs = k / 2 * 2;
-    const long long sign = std::numeric_limits<long long>::min();
-    const __m256d realSign = _mm256_castsi256_pd(_mm256_setr_epi64x(sign, 0, sign, 0));
-    const __m256d imagSign = _mm256_castsi256_pd(_mm256_setr_epi64x(0, sign, 0, sign));
-    // A pair of rows' real and imaginary parts, each twice, are the same for every column; with
-    // m fixed they are read once.
-    constexpr int kept = M > 0 && M <= 4 ? M : 1;
-    __m256d re[kept], im[kept];
-    for (Eigen::Index r = 0; r < pairs; r += 2) {
-        for (Eigen::Index i = 0; i < (kept > 1 ? m : 0); ++i) {
-            const __m256d x = _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
-            re[i] = _mm256_movedup_pd(x);
-            im[i] = _mm256_permute_pd(x, 0xF);
-        }
-        for (Eigen::Index c = 0; c < n; ++c) {
-            __m256d s = _mm256_setzero_pd();
-            for (Eigen::Index i = 0; i < m; ++i) {
-                if (kept == 1) {
-                    const __m256d x =
-                        _mm256_loadu_pd(reinterpret_cast<const double*>(a + r + i * lda));
-                    re[0] = _mm256_movedup_pd(x);
-                    im[0] = _mm256_permute_pd(x, 0xF);
-                }
-                __m256d y = _mm256_broadcast_pd(
-                    reinterpret_cast<const __m128d*>(adjointB ? b + c + i * ldb : b + i + c * ldb));
-                if (adjointB) y = _mm256_xor_pd(y, imagSign);
-                const Eigen::Index at = kept > 1 ? i : 0;
-                const __m256d p = _mm256_add_pd(
-                    _mm256_mul_pd(re[at], y),
-                    _mm256_xor_pd(_mm256_mul_pd(im[at], _mm256_permute_pd(y, 0x5)), realSign));
-                s = _mm256_add_pd(p, s);
-            }
-            if (add)
-                s = _mm256_add_pd(
-                    s, _mm256_loadu_pd(reinterpret_cast<const double*>(add + r + c * ldadd)));
-            _mm256_storeu_pd(reinterpret_cast<double*>(dst + r + c * ldd), s);
-        }
-    }
-    if (pairs < k)
-        times<adjointB, M>(a + pairs, lda, b, ldb, m, k - pairs, n, dst + pairs, ldd,
-                           add ? add + pairs : nullptr, ldadd);
-}
+// One voxel's combination weights U = ((S^H Psi S + D)^-1 S^H) Psi for k valid positions and m
+// coils, product by product along Eigen's own route for each shape: coefficient-wise below its
+// threshold (kernels above), above it the routes of general_products.hpp. S is m x k (leading
+// dimension lds), Psi m x m (the inverted noise covariance, also packed for the blocked kernel;
+// `psiIdentity` when exactly the identity), D k x k. Scratch: T and W k x m, A and inv k x k,
+// S packed m x k.
+struct Chain {
+    const cd* S;
+    Eigen::Index lds, m, k;
+    const cd* psi;
+    const double* psiPacked;
+    bool psiIdentity;
+    const cd* D;
+    Eigen::Index ldd;
+    cd *T, *A, *inv, *W;
+    double* packedS;
+    cd* U;
+    Eigen::Index ldu;
+};
 
-#endif
-
-// Whether combination_weights computes U for k valid positions and m coils: every product of the
-// chain small enough for Eigen to evaluate coefficient-wise, and the inverse small.
-inline bool small_weights(Eigen::Index k, Eigen::Index m) {
-    return k <= kSmallSolve && lazy(m, k, m) && lazy(m, k, k) && lazy(k, k, m);
-}
-
-// U (k x m, leading dimension ldu) = ((S^H Psi S + D)^-1 S^H) Psi for S m x k and Psi m x m (the
-// inverted noise covariance; `psiIdentity` when exactly the identity), through the kernels above
-// with a single dispatch on the sizes; bit-identical to the Eigen expressions where small_weights
-// holds. Scratch holds 2 k m + 3 k k entries. M > 0 fixes m at compile time.
-template <int M = 0>
-inline void combination_weights(const cd* S, Eigen::Index lds, Eigen::Index runtimeM,
-                                Eigen::Index k, const cd* psi, bool psiIdentity, const cd* D,
-                                Eigen::Index ldd, cd* scratch, cd* U, Eigen::Index ldu, bool avx2) {
-    const Eigen::Index m = M > 0 ? M : runtimeM;
-    cd *T = scratch, *A = T + k * m, *lu = A + k * k, *inv = lu + k * k, *W = inv + k * k;
-    if (!psiIdentity || !adjoint_times_identity<M>(S, lds, m, k, T, k))
-        adjoint_times<M>(S, lds, psi, m, m, k, m, T, k);
-#ifdef MRKIT_AVX2_PAIRS
-    if (avx2)
-        times_avx2<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
-    else
-#endif
-        times<false, M>(T, k, S, lds, m, k, k, A, k, D, ldd);
-    lu_inverse(A, k, k, lu, inv);
-    const auto adjoint = [&](auto K) {
-#ifdef MRKIT_AVX2_PAIRS
-        if (avx2) return times_avx2<true, K()>(inv, k, S, lds, k, k, m, W, k);
-#endif
-        times<true, K()>(inv, k, S, lds, k, k, m, W, k);
+// Whether the kernels here take every product of the chain as Eigen does (the inverse aside):
+// a product that Eigen blocks along its depth or splits among threads is left to Eigen, as is a
+// column result with more than one term.
+inline bool chain_covered(Eigen::Index k, Eigen::Index m) {
+    const auto covered = [](Eigen::Index rows, Eigen::Index cols, Eigen::Index depth) {
+        if (lazy(depth, rows, cols) || rows == 1) return true;
+        if (cols == 1) return false;
+        return general::one_pass(rows, cols, depth);
     };
-    if (k == 1)
-        adjoint(std::integral_constant<int, 1>());
-    else if (k == 2)
-        adjoint(std::integral_constant<int, 2>());
-    else
-        adjoint(std::integral_constant<int, 3>());
-    if (!psiIdentity || !times_identity(W, k, k, m, U, ldu))
-        times<false, M>(W, k, psi, m, m, k, m, U, ldu);
-    (void)avx2;
+    return covered(k, m, m) && covered(k, k, m) && covered(k, m, k);
 }
 
-}  // namespace mrkit::small
-#endif
+// Eigen's inner product of two vectors whose entries are not packet-accessible (a row of a
+// matrix): one running std::complex sum from the first term, then dst = 0 + 1 * sum.
+__attribute__((noinline)) inline cd inner_product(const cd* a, Eigen::Index astep, const cd* b,
+                                                 Eigen::Index n) {
+    cd sum = std::conj(std::conj(a[0])) * b[0];
+    for (Eigen::Index i = 1; i < n; ++i) sum = sum + std::conj(std::conj(a[i * astep])) * b[i];
+    cd r(0.0, 0.0);
+    r += cd(1.0, 0.0) * sum;
+    return r;
+}
 
-namespace mrkit::small {
+// T = S^H Psi, then A = T S + D.
+MRKIT_INLINE void chain_front(const Chain& c) {
+    namespace g = mrkit::general;
+    const Eigen::Index m = c.m, k = c.k;
+    if (lazy(m, k, m)) {
+        if (!c.psiIdentity || !adjoint_times_identity(c.S, c.lds, m, k, c.T, k))
+            adjoint_times(c.S, c.lds, c.psi, m, m, k, m, c.T, k);
+    } else if (k == 1) {
+        if (!c.psiIdentity || !g::identity_row<true>(c.S, 1, m, c.T, 1))
+            g::gemv_row<false, true>(c.S, 1, c.psi, m, m, m, g::product_alpha(false, true), c.T,
+                                     1);
+    } else {
+        const cd alpha = g::product_alpha(true, false);
+        if (!c.psiIdentity)
+            g::gebp<true, false>(c.S, c.lds, 1, c.psiPacked, 1, m, k, m, m, alpha, nullptr, 0,
+                                 c.T, k);
+        else
+            for (Eigen::Index i = 0; i < k; ++i)
+                if (!g::identity_row<true>(c.S + i * c.lds, 1, m, c.T + i, k))
+                    g::gebp<true, false>(c.S + i * c.lds, 0, 1, c.psiPacked, 1, m, 1, m, m,
+                                         alpha, nullptr, 0, c.T + i, k);
+    }
+    if (lazy(m, k, k)) {
+        times<false>(c.T, k, c.S, c.lds, m, k, k, c.A, k, c.D, c.ldd);
+    } else if (k == 1) {
+        c.A[0] = inner_product(c.T, 1, c.S, m) + c.D[0];
+    } else {
+        g::pack(c.S, c.lds, m, k, c.packedS, 1, m);
+        g::gebp<false, false>(c.T, 1, k, c.packedS, 1, m, k, k, m, g::product_alpha(false, false),
+                              c.D, c.ldd, c.A, k);
+    }
+}
 
-using Cref = Eigen::Ref<const Eigen::MatrixXcd>;
+// W = inv S^H, then U = W Psi.
+MRKIT_INLINE void chain_back(const Chain& c) {
+    namespace g = mrkit::general;
+    const Eigen::Index m = c.m, k = c.k;
+    if (lazy(k, k, m)) {
+        times<true>(c.inv, k, c.S, c.lds, k, k, m, c.W, k);
+    } else if (k == 1) {
+        // The column-major matrix-vector kernel on one term: conj(S) inv, then alpha as a packet.
+        const lanes::Double2 alpha = g::pair(g::product_alpha(true, false)), v = g::pair(c.inv[0]);
+        for (Eigen::Index i = 0; i < m; ++i)
+            lanes::store(c.W + i, g::pmul(g::pmul(g::conj(g::pair(c.S[i])), v) + lanes::Double2{},
+                                          alpha) +
+                                      lanes::Double2{});
+    } else {
+        if (lazy(m, k, k)) g::pack(c.S, c.lds, m, k, c.packedS, 1, m);
+        g::gebp<false, true>(c.inv, 1, k, c.packedS, m, 1, k, m, k, g::product_alpha(false, true),
+                             nullptr, 0, c.W, k);
+    }
+    if (lazy(m, k, m)) {
+        if (!c.psiIdentity || !times_identity(c.W, k, k, m, c.U, c.ldu))
+            times<false>(c.W, k, c.psi, m, m, k, m, c.U, c.ldu);
+    } else if (k == 1) {
+        if (!c.psiIdentity || !g::identity_row<false>(c.W, 1, m, c.U, c.ldu))
+            g::gemv_row<false, false>(c.W, 1, c.psi, m, m, m, g::product_alpha(false, false), c.U,
+                                      c.ldu);
+    } else {
+        const cd alpha = g::product_alpha(false, false);
+        if (!c.psiIdentity)
+            g::gebp<false, false>(c.W, 1, k, c.psiPacked, 1, m, k, m, m, alpha, nullptr, 0, c.U,
+                                  c.ldu);
+        else
+            for (Eigen::Index i = 0; i < k; ++i)
+                if (!g::identity_row<false>(c.W + i, k, m, c.U + i, c.ldu))
+                    g::gebp<false, false>(c.W + i, 0, k, c.psiPacked, 1, m, 1, m, m, alpha,
+                                          nullptr, 0, c.U + i, c.ldu);
+    }
+}
+
+MRKIT_PER_TARGET(chain_front, chain_front)
+MRKIT_PER_TARGET(chain_back, chain_back)
+
+// The two halves of the chain for this processor, chosen once per call.
+struct ChainKernels {
+    void (*front)(const Chain&);
+    void (*back)(const Chain&);
+    static ChainKernels pick() {
+        return {lanes::pick(&chain_front_baseline<const Chain&>, &chain_front_avx2<const Chain&>),
+                lanes::pick(&chain_back_baseline<const Chain&>, &chain_back_avx2<const Chain&>)};
+    }
+};
 
 // Whether b is exactly the identity: +0 off the diagonal, 1 + 0i on it.
 inline bool is_identity(const Eigen::MatrixXcd& b) {
@@ -394,79 +403,6 @@ inline bool is_identity(const Eigen::MatrixXcd& b) {
             if (std::memcmp(&v, &e, sizeof v) != 0) return false;
         }
     return b.rows() == b.cols();
-}
-
-// dst = a^H b; `bIdentity` says that b is exactly the identity
-inline void adjoint_times(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst,
-                          bool bIdentity = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.rows(), a.cols(), b.cols()))
-        return with_inner(a.rows(), [&](auto M) {
-            if (bIdentity && adjoint_times_identity<M()>(a.data(), a.outerStride(), a.rows(),
-                                                         a.cols(), dst.data(), dst.rows()))
-                return;
-            adjoint_times<M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.rows(),
-                               a.cols(), b.cols(), dst.data(), dst.rows());
-        });
-#endif
-    dst.noalias() = a.adjoint() * b;
-}
-
-// dst = a b + add; `avx2` says that the processor has AVX2
-inline void times_plus(const Cref& a, const Cref& b, const Cref& add, Eigen::MatrixXcd& dst,
-                       bool avx2 = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.rows(), a.rows(), b.cols()))
-        return with_inner(a.cols(), [&](auto M) {
-#ifdef MRKIT_AVX2_PAIRS
-            if (avx2)
-                return times_avx2<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(),
-                                              a.cols(), a.rows(), b.cols(), dst.data(), dst.rows(),
-                                              add.data(), add.outerStride());
-#endif
-            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                              a.rows(), b.cols(), dst.data(), dst.rows(), add.data(),
-                              add.outerStride());
-        });
-#endif
-    (void)avx2;
-    dst.noalias() = a * b;
-    dst += add;
-}
-
-// dst = a b; `bIdentity` says that b is exactly the identity
-inline void times(const Cref& a, const Cref& b, Eigen::Ref<Eigen::MatrixXcd> dst,
-                  bool bIdentity = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.rows(), a.rows(), b.cols()) && bIdentity &&
-        times_identity(a.data(), a.outerStride(), a.rows(), a.cols(), dst.data(),
-                       dst.outerStride()))
-        return;
-    if (lazy(b.rows(), a.rows(), b.cols()))
-        return with_inner(a.cols(), [&](auto M) {
-            times<false, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                              a.rows(), b.cols(), dst.data(), dst.outerStride());
-        });
-#endif
-    dst.noalias() = a * b;
-}
-
-// dst = a b^H; `avx2` says that the processor has AVX2
-inline void times_adjoint(const Cref& a, const Cref& b, Eigen::MatrixXcd& dst, bool avx2 = false) {
-#ifdef MRKIT_SMALL_PRODUCTS
-    if (lazy(b.cols(), a.rows(), b.rows()))
-        return with_inner(a.cols(), [&](auto M) {
-#ifdef MRKIT_AVX2_PAIRS
-            if (avx2)
-                return times_avx2<true, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(),
-                                             a.cols(), a.rows(), b.rows(), dst.data(), dst.rows());
-#endif
-            times<true, M()>(a.data(), a.outerStride(), b.data(), b.outerStride(), a.cols(),
-                             a.rows(), b.rows(), dst.data(), dst.rows());
-        });
-#endif
-    (void)avx2;
-    dst.noalias() = a * b.adjoint();
 }
 
 }  // namespace mrkit::small

@@ -1,4 +1,4 @@
-// The written-out small products and inverse of the combination factors against the Eigen
+// The written-out products and inverse of the combination factors against the Eigen
 // code they replace: every bit must agree (any NaN matches any NaN, as the sign of a NaN from a sum
 // of two NaNs depends on the compiler's operand order), on both sides of Eigen's size threshold and
 // with signed zeros, infinities and NaNs among the inputs.
@@ -12,8 +12,6 @@
 
 #include "recon/cpu.hpp"
 #include "recon/sense/products.hpp"
-
-#ifdef MRKIT_SMALL_PRODUCTS
 
 namespace {
 
@@ -61,59 +59,82 @@ MatrixXcd pivoted_lu_inverse(const MatrixXcd& A) {
 
 }  // namespace
 
-TEST(SmallProducts, BitIdenticalToEigenExpressions) {
+// The whole chain T = S^H psi, A = T S + D, W = A^-1 S^H, U = W psi against the Eigen
+// expressions, product by product, for 1 to 9 valid positions and 1 to 70 coils: below Eigen's
+// coefficient-wise threshold, above it (matrix-vector routes for one position, the blocked
+// kernel's panels of four columns and its depth peeled by eight for more), with an identity,
+// a correlated or an arbitrary psi, and special values among the entries; on both kernel sets.
+TEST(SmallProducts, ChainBitIdenticalToEigenProducts) {
+    if (!mrkit::small::kEigenOrders)
+        GTEST_SKIP() << "this build's Eigen products do not take the orders these kernels repeat";
     namespace sp = mrkit::small;
     Values v;
-    for (int round = 0; round < 6000; ++round) {
-        v.special = round % 2 == 1;
-        const int coils = 1 + static_cast<int>(v.gen() % 12);
-        const int slots = 1 + static_cast<int>(v.gen() % 8);
-        const int K = 1 + static_cast<int>(v.gen() % slots);
-        // Views with outer strides, as the factor code passes them.
-        // Every third round the noise inverse is the exact identity, which has its own path.
-        const bool identity = round % 3 == 0;
-        const MatrixXcd S = v.matrix(coils, slots);
-        const MatrixXcd psi =
-            identity ? MatrixXcd(MatrixXcd::Identity(coils, coils)) : v.matrix(coils, coils);
-        const MatrixXcd D = v.matrix(slots, slots), inv = v.matrix(K, K);
-        const auto Sk = S.leftCols(K);
-        const auto Dk = D.topLeftCorner(K, K);
-
-        MatrixXcd expected(K, coils), got(K, coils);
-        expected.noalias() = Sk.adjoint() * psi;
-        ASSERT_EQ(sp::is_identity(psi), identity);
-        sp::adjoint_times(Sk, psi, got, identity);
-        ASSERT_TRUE(same_bits(expected, got)) << "S^H psi, coils " << coils << ", K " << K;
-
-        // Also two rows at a time where the processor has AVX2.
-        const MatrixXcd T = got;
-        MatrixXcd A(K, K), A2(K, K);
-        A.noalias() = T * Sk;
-        A += Dk;
-        expected.noalias() = inv * Sk.adjoint();
-        for (const bool avx2 : {false, mrkit::has_avx2()}) {
-            sp::times_plus(T, Sk, Dk, A2, avx2);
-            ASSERT_TRUE(same_bits(A, A2)) << "T S + D, coils " << coils << ", K " << K;
-            sp::times_adjoint(inv, Sk, got, avx2);
-            ASSERT_TRUE(same_bits(expected, got)) << "inv S^H, coils " << coils << ", K " << K;
+    int covered = 0, rounds = 0;
+    for (int round = 0; round < 2400; ++round) {
+        v.special = round % 3 != 0;
+        v.odds = round % 3 == 1 ? 3 : 300;
+        const int k = 1 + round % 9;
+        const int coils = round % 4 == 0 ? 1 + static_cast<int>(v.gen() % 12)
+                                         : 1 + static_cast<int>(v.gen() % 70);
+        ++rounds;
+        if (!sp::chain_covered(k, coils)) continue;
+        ++covered;
+        const int kind = round / 3 % 3;  // identity, Hermitian positive definite, arbitrary
+        const MatrixXcd S = v.matrix(coils, k);
+        MatrixXcd psi;
+        if (kind == 0) {
+            psi = MatrixXcd::Identity(coils, coils);
+        } else if (kind == 1) {
+            const MatrixXcd g = v.matrix(coils, coils);
+            psi = g.adjoint() * g + MatrixXcd::Identity(coils, coils);
+        } else {
+            psi = v.matrix(coils, coils);
         }
+        MatrixXcd D = MatrixXcd::Zero(k + 1, k + 1);
+        if (round % 2) D.diagonal() = v.matrix(k + 1, 1);
 
-        // Also free-standing values, which the chain never hands on (negative zeros), in a view
-        // with an outer stride.
-        const MatrixXcd free = v.matrix(K + 1, coils);
-        const MatrixXcd W = round % 4 == 1 ? MatrixXcd(free.topRows(K)) : got;
-        expected.noalias() = W * psi;
-        if (round % 4 == 1)
-            sp::times(free.topRows(K), psi, got, identity);
-        else
-            sp::times(W, psi, got, identity);
-        ASSERT_TRUE(same_bits(expected, got)) << "W psi, coils " << coils << ", K " << K;
+        MatrixXcd T(k, coils), A(k, k), W(k, coils), U(k, coils);
+        T.noalias() = S.adjoint() * psi;
+        A.noalias() = T * S;
+        A += D.topLeftCorner(k, k);
+        const MatrixXcd inv = pivoted_lu_inverse(A);
+        W.noalias() = inv * S.adjoint();
+        U.noalias() = W * psi;
+
+        std::vector<double> psiPacked(4 * coils * coils), packedS(4 * k * coils);
+        mrkit::general::pack(psi.data(), coils, coils, coils, psiPacked.data(), 1, coils);
+        using Half = void (*)(const sp::Chain&);
+        const std::pair<Half, Half> sets[] = {
+            {&sp::chain_front_baseline<const sp::Chain&>, &sp::chain_back_baseline<const sp::Chain&>},
+            {&sp::chain_front_avx2<const sp::Chain&>, &sp::chain_back_avx2<const sp::Chain&>}};
+        for (int set = 0; set < (mrkit::has_avx2() ? 2 : 1); ++set) {
+            MatrixXcd gT(k, coils), gA(k, k), gW(k, coils), gU(k, coils);
+            // The back half from the expected inverse, so that each product is checked alone.
+            MatrixXcd gInv = inv;
+            const sp::Chain c{S.data(),   coils,        coils,     k,          psi.data(),
+                              psiPacked.data(), sp::is_identity(psi), D.data(), k + 1,
+                              gT.data(),  gA.data(),    gInv.data(), gW.data(), packedS.data(),
+                              gU.data(),  k};
+            sets[set].first(c);
+            sets[set].second(c);
+            const std::string at = "coils " + std::to_string(coils) + ", k " +
+                                   std::to_string(k) + ", psi kind " + std::to_string(kind) +
+                                   ", set " + std::to_string(set);
+            ASSERT_TRUE(same_bits(T, gT)) << "S^H psi, " << at;
+            ASSERT_TRUE(same_bits(A, gA)) << "T S + D, " << at;
+            ASSERT_TRUE(same_bits(W, gW)) << "inv S^H, " << at;
+            ASSERT_TRUE(same_bits(U, gU)) << "W psi, " << at;
+        }
     }
+    // The shapes of 16 to 64 coils are all covered here (the blocked kernel is not split).
+    EXPECT_GT(covered, rounds * 9 / 10);
 }
 
 // The small inverse against PartialPivLU with the permuted identity and the two triangular
 // solves, including singular matrices (repeated columns) whose inverses hold infinities or NaNs.
 TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
+    if (!mrkit::small::kEigenOrders)
+        GTEST_SKIP() << "this build's Eigen products do not take the orders these kernels repeat";
     Values v;
     for (int round = 0; round < 6000; ++round) {
         v.special = round % 2 == 1;
@@ -125,44 +146,3 @@ TEST(SmallProducts, InverseBitIdenticalToPivotedLuSolves) {
         ASSERT_TRUE(same_bits(pivoted_lu_inverse(A), got)) << "k " << k << ", round " << round;
     }
 }
-
-// The whole chain U = ((S^H psi S + D)^-1 S^H) psi in one call against the Eigen expressions, for
-// every size it takes, with the sizes fixed at compile time or not.
-TEST(SmallProducts, CombinationWeightsBitIdenticalToEigenChain) {
-    namespace sp = mrkit::small;
-    Values v;
-    for (int round = 0; round < 3000; ++round) {
-        v.special = round % 4 == 1;
-        const int coils = 1 + static_cast<int>(v.gen() % 8), k = 1 + round % 3;
-        if (!sp::small_weights(k, coils)) continue;
-        const bool identity = round % 2 == 0;
-        // Slots past k in S and D, as the factor code leaves them.
-        const MatrixXcd S = v.matrix(coils, k + 1), D = v.matrix(k + 1, k + 1);
-        const MatrixXcd psi =
-            identity ? MatrixXcd(MatrixXcd::Identity(coils, coils)) : v.matrix(coils, coils);
-        const auto Sk = S.leftCols(k);
-        MatrixXcd T(k, coils), A(k, k), W(k, coils), expected(k, coils);
-        T.noalias() = Sk.adjoint() * psi;
-        A.noalias() = T * Sk;
-        A += D.topLeftCorner(k, k);
-        W.noalias() = pivoted_lu_inverse(A) * Sk.adjoint();
-        expected.noalias() = W * psi;
-        std::vector<cd> scratch(2 * k * coils + 3 * k * k);
-        for (const bool avx2 : {false, mrkit::has_avx2()})
-            for (const bool fixed : {false, true}) {
-                MatrixXcd got(k, coils);
-                const auto run = [&](auto M) {
-                    sp::combination_weights<M()>(S.data(), coils, coils, k, psi.data(), identity,
-                                                 D.data(), k + 1, scratch.data(), got.data(), k,
-                                                 avx2);
-                };
-                if (fixed)
-                    sp::with_inner(coils, run);
-                else
-                    run(std::integral_constant<int, 0>());
-                ASSERT_TRUE(same_bits(expected, got)) << "coils " << coils << ", k " << k;
-            }
-    }
-}
-
-#endif
