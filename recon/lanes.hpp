@@ -94,13 +94,14 @@ MRKIT_INLINE V flip(const V& v, const B& mask) {
     return reinterpret_cast<V>(reinterpret_cast<B>(v) ^ mask);
 }
 
-// Whether any lane is NaN.
+// Whether any lane is NaN (the lane masks read as 64-bit words, which is a few instructions).
 template <class V>
 MRKIT_INLINE bool any_nan(const V& v) {
     const auto unordered = v != v;
-    for (unsigned i = 0; i < sizeof v / sizeof v[0]; ++i)
-        if (unordered[i]) return true;
-    return false;
+    unsigned long long words[sizeof v / 8], any = 0;
+    std::memcpy(words, &unordered, sizeof words);
+    for (unsigned long long w : words) any |= w;
+    return any != 0;
 }
 
 // The AVX2 kernel where the processor has it (and MRKIT_NO_AVX2 does not say otherwise), else the

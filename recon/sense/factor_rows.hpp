@@ -14,33 +14,69 @@
 #include <type_traits>
 #include <vector>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-#if defined(__SSE2__) && defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-#define MRKIT_AVX2 1
-#define MRKIT_AVX2_TARGET __attribute__((target("avx2")))
-#else
-#define MRKIT_AVX2_TARGET
-#endif
+#include "recon/lanes.hpp"
 
 namespace mrkit::sense {
 
 using cd = std::complex<double>;
 using cf = std::complex<float>;
 
+// Copies n entries narrowed to single precision; *finite tells whether every part is after. A
+// part that was not finite is not after either; one that overflows only sends its row the
+// weighted way, which gives the same factors from finite corners. Each part times 0 is NaN
+// exactly when it is not finite, and a NaN stays in the sum.
+MRKIT_INLINE void copy_narrowed_body(const cd* in, long n, cf* out, bool* finite) {
+    using lanes::Double4;
+    using lanes::Float4;
+    using lanes::Float8;
+    const double* from = reinterpret_cast<const double*>(in);
+    float* to = reinterpret_cast<float*>(out);
+    const auto two = [from](long q) {  // entries q and q + 1, narrowed
+        return __builtin_convertvector(lanes::load<Double4>(from + 2 * q), Float4);
+    };
+    const auto four = [&](long q) {
+        return __builtin_shufflevector(two(q), two(q + 2), 0, 1, 2, 3, 4, 5, 6, 7);
+    };
+    // One add per eight entries keeps the sum's chain in pace with the loads.
+    Float8 sum = {};
+    long q = 0;
+    for (; q + 8 <= n; q += 8) {
+        const Float8 a = four(q), b = four(q + 4);
+        lanes::store(to + 2 * q, a);
+        lanes::store(to + 2 * q + 8, b);
+        sum = sum + (a * Float8{} + b * Float8{});
+    }
+    Float4 rest = {};
+    for (; q + 2 <= n; q += 2) {
+        const Float4 v = two(q);
+        lanes::store(to + 2 * q, v);
+        rest = rest + v * Float4{};
+    }
+    bool all = !lanes::any_nan(rest + __builtin_shufflevector(sum, sum, 0, 1, 2, 3) +
+                               __builtin_shufflevector(sum, sum, 4, 5, 6, 7));
+    for (; q < n; ++q) {
+        out[q] = cf(static_cast<float>(in[q].real()), static_cast<float>(in[q].imag()));
+        all = all && std::isfinite(out[q].real()) && std::isfinite(out[q].imag());
+    }
+    *finite = all;
+}
+MRKIT_PER_TARGET(copy_narrowed, copy_narrowed_body)
+using CopyNarrowed = void (*)(const cd*, long, cf*, bool*);
+
 // Entry q of block k of a kept row is the factor at flat index row * F0 + lo + q of block k: a
 // run of at most `capacity` columns starting at column lo, blocks 0 .. blocks - 1, a few rows
 // (the least recently used goes). Held as they are (T = cd) or narrowed to single precision
-// (T = cf, AVX2 only); narrowed, each row also tells whether all its entries so far are finite.
+// (T = cf, copied by `copy`); narrowed, each row also tells whether all its entries so far are
+// finite.
 template <class T>
 class FactorRows {
   public:
     static constexpr bool kNarrowed = std::is_same_v<T, cf>;
 
-    FactorRows(const cd* factors, int F0, int V, int capacity, int blocks, int rows)
+    FactorRows(const cd* factors, int F0, int V, int capacity, int blocks, int rows,
+               CopyNarrowed copy = nullptr)
         : factors_(factors),
+          copy_(copy),
           F0_(F0),
           V_(V),
           // Padded past the run: a read one or two columns beyond it stays in the buffer.
@@ -96,63 +132,24 @@ class FactorRows {
         for (int k = from; k < to; ++k) {
             const cd* in = factors_ + static_cast<size_t>(k) * V_ + start;
             T* run = out + static_cast<size_t>(k) * stride_;
-#if defined(__SSE2__)
             // The next block's run lies a factor grid on, where the hardware's prefetch does not
             // follow; its first lines are on their way while this run is copied.
             if (k + 1 < to)
                 for (int line = 0; line < 8; ++line)
-                    _mm_prefetch(reinterpret_cast<const char*>(in + V_) + 64 * line, _MM_HINT_T0);
-#endif
-            if constexpr (kNarrowed)
-                finite = copy_narrowed(in, width, run) && finite;
-            else
+                    __builtin_prefetch(reinterpret_cast<const char*>(in + V_) + 64 * line, 0, 3);
+            if constexpr (kNarrowed) {
+                bool all;
+                copy_(in, width, run, &all);
+                finite = all && finite;
+            } else {
                 std::memcpy(static_cast<void*>(run), in, width * sizeof(cd));
-        }
-        return finite;
-    }
-
-#ifdef MRKIT_AVX2
-    // The four complex at p, narrowed.
-    MRKIT_AVX2_TARGET static __m256 narrowed_four(const double* p) {
-        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_loadu_pd(p))),
-                                    _mm256_cvtpd_ps(_mm256_loadu_pd(p + 4)), 1);
-    }
-#endif
-
-    // Copies n entries narrowed and tells whether every part is finite after. A part that was
-    // not finite is not after either; one that overflows only sends its row the weighted way,
-    // which gives the same factors from finite corners. One that is not gives a NaN times 0,
-    // which stays in a sum; the sums carry one add per eight entries, so they keep pace with the
-    // loads.
-    MRKIT_AVX2_TARGET static bool copy_narrowed(const cd* in, long n, cf* out) {
-        long q = 0;
-        bool finite = true;
-#ifdef MRKIT_AVX2
-        const double* from = reinterpret_cast<const double*>(in);
-        float* to = reinterpret_cast<float*>(out);
-        const __m256 zero = _mm256_setzero_ps();
-        __m256 sum = zero;
-        for (; q + 8 <= n; q += 8) {
-            const __m256 a = narrowed_four(from + 2 * q), b = narrowed_four(from + 2 * q + 8);
-            _mm256_storeu_ps(to + 2 * q, a);
-            _mm256_storeu_ps(to + 2 * q + 8, b);
-            sum = _mm256_add_ps(sum, _mm256_add_ps(_mm256_mul_ps(a, zero), _mm256_mul_ps(b, zero)));
-        }
-        for (; q + 2 <= n; q += 2) {
-            const __m128 v = _mm256_cvtpd_ps(_mm256_loadu_pd(from + 2 * q));
-            _mm_storeu_ps(to + 2 * q, v);
-            sum = _mm256_add_ps(sum, _mm256_castps128_ps256(_mm_mul_ps(v, _mm_setzero_ps())));
-        }
-        finite = _mm256_movemask_ps(_mm256_cmp_ps(sum, sum, _CMP_UNORD_Q)) == 0;
-#endif
-        for (; q < n; ++q) {
-            out[q] = cf(static_cast<float>(in[q].real()), static_cast<float>(in[q].imag()));
-            finite = finite && std::isfinite(out[q].real()) && std::isfinite(out[q].imag());
+            }
         }
         return finite;
     }
 
     const cd* factors_;
+    CopyNarrowed copy_;
     int F0_, V_, lo_ = 0, width_ = 0, stride_, blocks_;
     std::vector<int> tag_, filled_;
     std::vector<char> finite_;
@@ -184,44 +181,32 @@ struct CornerRuns {
 
   private:
     cf entry(int e) const {
+        using lanes::Double2;
         const size_t at = static_cast<size_t>(e) * stride;
-#if !defined(__SSE2__)
-        cd sum = corner(0)[at] * weight[0];
-        for (int k = 1; k < Corners; ++k) sum += corner(k)[at] * weight[k];
-        return cf(static_cast<float>(sum.real()), static_cast<float>(sum.imag()));
-#else
-        __m128d sum = _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(corner(0) + at)),
-                                 _mm_set1_pd(weight[0]));
+        Double2 sum = lanes::load<Double2>(corner(0) + at) * lanes::splat<Double2>(weight[0]);
         for (int k = 1; k < Corners; ++k)
-            sum = _mm_add_pd(
-                sum, _mm_mul_pd(_mm_loadu_pd(reinterpret_cast<const double*>(corner(k) + at)),
-                                _mm_set1_pd(weight[k])));
-        alignas(16) double out[2];
-        _mm_store_pd(out, sum);
-        return cf(static_cast<float>(out[0]), static_cast<float>(out[1]));
-#endif
+            sum = sum + lanes::load<Double2>(corner(k) + at) * lanes::splat<Double2>(weight[k]);
+        return cf(static_cast<float>(sum[0]), static_cast<float>(sum[1]));
     }
 };
 
-#ifdef MRKIT_AVX2
 // CornerRuns::all for pairs of voxels at grid columns c and c + 1 of the same rows, one voxel in
-// each half of a 256-bit register, each corner pair one load: lane by lane the same products and
-// sums (no fused multiply-add). Pair p (those whose first voxel i = first[p] has
-// `corners[i] == Corners`): column[p], voxel i's weights at weights + i weightStep and, when
-// two[p], voxel i + 1's (else voxel i's again), entry e of the two voxels narrowed to
-// out[p * outStride + 2 e] and the complex after it. The rows are kept rows (`stride` their
-// FactorRows stride) or the factors as they lie (stride V). Every voxel with these corners runs
-// this one loop: a variant could be compiled with the operands of a sum swapped and so pick the
-// other NaN of two.
+// each half of four lanes, each corner pair one load: lane by lane the same products and sums.
+// Pair p (those whose first voxel i = first[p] has `corners[i] == Corners`): column[p], voxel i's
+// weights at weights + i weightStep and, when two[p], voxel i + 1's (else voxel i's again), entry
+// e of the two voxels narrowed to out[p * outStride + 2 e] and the complex after it. The rows are
+// kept rows (`stride` their FactorRows stride) or the factors as they lie (stride V). Every voxel
+// with these corners runs this one loop: a variant could be compiled with the operands of a sum
+// swapped and so pick the other NaN of two.
 template <int Corners>
-__attribute__((target("avx2"), noinline)) void pairs_avx2(const cd* const* rows, int stride,
-                                                          int count, int pairs, const int* first,
-                                                          const int* two, const int* corners,
-                                                          const int* column, const double* weights,
-                                                          int weightStep, cf* out,
-                                                          size_t outStride) {
+MRKIT_INLINE void corner_pairs_body(const cd* const* rows, int stride, int count, int pairs,
+                                    const int* first, const int* two, const int* corners,
+                                    const int* column, const double* weights, int weightStep,
+                                    cf* out, size_t outStride) {
+    using lanes::Double4;
+    using lanes::Float4;
     const size_t step = 2 * static_cast<size_t>(stride);
-    __m256d w[Corners] = {};
+    Double4 w[Corners] = {};
     const double *wa = nullptr, *wb = nullptr;  // the weights in w
     for (int p = 0; p < pairs; ++p) {
         const int i = first[p];
@@ -231,7 +216,7 @@ __attribute__((target("avx2"), noinline)) void pairs_avx2(const cd* const* rows,
         if (a != wa || b != wb) {
             wa = a;
             wb = b;
-            for (int k = 0; k < Corners; ++k) w[k] = _mm256_setr_pd(wa[k], wa[k], wb[k], wb[k]);
+            for (int k = 0; k < Corners; ++k) w[k] = Double4{wa[k], wa[k], wb[k], wb[k]};
         }
         const double* in[Corners];
         for (int k = 0; k < Corners; ++k)
@@ -239,13 +224,15 @@ __attribute__((target("avx2"), noinline)) void pairs_avx2(const cd* const* rows,
         float* to = reinterpret_cast<float*>(out + p * outStride);
         size_t at = 0;
         for (int e = 0; e < count; ++e, at += step) {
-            __m256d sum = _mm256_mul_pd(_mm256_loadu_pd(in[0] + at), w[0]);
-            for (int k = 1; k < Corners; ++k)
-                sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_loadu_pd(in[k] + at), w[k]));
-            _mm_storeu_ps(to + 4 * e, _mm256_cvtpd_ps(sum));
+            Double4 sum = lanes::load<Double4>(in[0] + at) * w[0];
+            for (int k = 1; k < Corners; ++k) sum = sum + lanes::load<Double4>(in[k] + at) * w[k];
+            lanes::store(to + 4 * e, __builtin_convertvector(sum, Float4));
         }
     }
 }
-#endif
+MRKIT_PER_TARGET(corner_pairs4, corner_pairs_body<4>)
+MRKIT_PER_TARGET(corner_pairs8, corner_pairs_body<8>)
+using CornerPairs = void (*)(const cd* const*, int, int, int, const int*, const int*, const int*,
+                             const int*, const double*, int, cf*, size_t);
 
 }  // namespace mrkit::sense

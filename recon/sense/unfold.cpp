@@ -142,13 +142,24 @@ const Kernels& Kernels::chosen() {
     using AllSignal = decltype(all_signal);
     using PairProducts = decltype(pair_products);
     using TwoVoxels = decltype(two_voxels);
-    static const Kernels baseline{false, static_cast<Gather>(gather16),
+    using Copy = CopyNarrowed;
+    using Pairs = CornerPairs;
+    static const Kernels baseline{false,
+                                  static_cast<Gather>(gather16),
                                   static_cast<AllSignal>(all_signal16),
                                   static_cast<PairProducts>(pair_products_baseline),
-                                  static_cast<TwoVoxels>(two_voxels_baseline)};
-    static const Kernels avx2{
-        true, static_cast<Gather>(gather32), static_cast<AllSignal>(all_signal32),
-        static_cast<PairProducts>(pair_products_avx2), static_cast<TwoVoxels>(two_voxels_avx2)};
+                                  static_cast<TwoVoxels>(two_voxels_baseline),
+                                  static_cast<Copy>(copy_narrowed_baseline),
+                                  static_cast<Pairs>(corner_pairs4_baseline),
+                                  static_cast<Pairs>(corner_pairs8_baseline)};
+    static const Kernels avx2{true,
+                              static_cast<Gather>(gather32),
+                              static_cast<AllSignal>(all_signal32),
+                              static_cast<PairProducts>(pair_products_avx2),
+                              static_cast<TwoVoxels>(two_voxels_avx2),
+                              static_cast<Copy>(copy_narrowed_avx2),
+                              static_cast<Pairs>(corner_pairs4_avx2),
+                              static_cast<Pairs>(corner_pairs8_avx2)};
     return *lanes::pick(&baseline, &avx2);
 }
 

@@ -123,6 +123,10 @@ struct Kernels {
     void (*pair_products)(Chunk* ch, int n, int coils, int x0);
     // The coil products of two voxels whose matrices lie apart (n >= 2 rows).
     void (*two_voxels)(products::TwoVoxels s, Index rows, Index cols);
+    // Kept rows narrowed to single precision, and the paired voxels' factors from kept rows with
+    // four and eight corners.
+    mrkit::sense::CopyNarrowed copy_narrowed;
+    mrkit::sense::CornerPairs corner_pairs4, corner_pairs8;
     // The kernels for this processor (and MRKIT_NO_AVX2).
     static const Kernels& chosen();
 };
@@ -294,7 +298,8 @@ struct KeptRows {
     KeptRows(const Layout& L, int capacity)
         : narrowed(L.allOnGrid && L.kernels.pairs),
           exact(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? 0 : rows(L)),
-          narrow(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? rows(L) : 0) {}
+          narrow(L.factors, L.F0, L.V, capacity, L.blocks, narrowed ? rows(L) : 0,
+                 L.kernels.copy_narrowed) {}
     void columns(int lo, int width) {
         exact.columns(lo, width);
         narrow.columns(lo, width);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <complex>
 #include <type_traits>
+#include <utility>
 
 #include "recon/lanes.hpp"
 #include "recon/sense/unfold_chunk.hpp"
@@ -286,18 +287,14 @@ void pair_matrices(const Row& row, const CornerRows& rows, int kinds, Chunk& ch)
             }
         return;
     }
-#ifdef MRKIT_LANES
     const double* weights = ch.sharedWeights ? ch.shared : ch.weight.data();
     const int weightStep = ch.sharedWeights ? 0 : 8;
-    if (kinds & 4)
-        mrkit::sense::pairs_avx2<4>(row.kept, stride, count, ch.pairs, ch.first.data(),
-                                    ch.two.data(), ch.corners.data(), ch.column.data(), weights,
-                                    weightStep, ch.P.data(), ch.pair_stride());
-    if (kinds & 8)
-        mrkit::sense::pairs_avx2<8>(row.kept, stride, count, ch.pairs, ch.first.data(),
-                                    ch.two.data(), ch.corners.data(), ch.column.data(), weights,
-                                    weightStep, ch.P.data(), ch.pair_stride());
-#endif
+    for (const auto& [kind, corner_pairs] :
+         {std::pair(4, rows.L.kernels.corner_pairs4), std::pair(8, rows.L.kernels.corner_pairs8)})
+        if (kinds & kind)
+            corner_pairs(row.kept, stride, count, ch.pairs, ch.first.data(), ch.two.data(),
+                         ch.corners.data(), ch.column.data(), weights, weightStep, ch.P.data(),
+                         ch.pair_stride());
 }
 
 }  // namespace
