@@ -7,9 +7,9 @@
 #include <cstring>
 #include <memory>
 
-#include "recon/cpu.hpp"
 #include "recon/geometry/legendre_block.hpp"
 #include "recon/geometry/sincos.hpp"
+#include "recon/lanes.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 
@@ -144,20 +144,9 @@ __attribute__((always_inline)) inline void evaluate_batch(Evaluator& e, const Lo
     }
 }
 
-void evaluate_sse(Evaluator& e, const Located& b, const Series& s, float* xOut, float* yOut,
-                  float* zOut) {
-    evaluate_batch(e, b, s, xOut, yOut, zOut);
-}
-
 // Lane-wise float products and sums round the same in SSE and AVX registers (nothing is
-// contracted), so this copy does the same work in half the instructions. Chosen at run time
-// (no ifunc: sanitizer runtimes are not ready when ifunc resolvers run).
-#if defined(__x86_64__)
-__attribute__((target("avx2"))) void evaluate_avx2(Evaluator& e, const Located& b, const Series& s,
-                                                   float* xOut, float* yOut, float* zOut) {
-    evaluate_batch(e, b, s, xOut, yOut, zOut);
-}
-#endif
+// contracted), so the AVX2 build does the same work in half the instructions.
+MRKIT_PER_TARGET(evaluate, evaluate_batch)
 
 }  // namespace
 
@@ -201,11 +190,10 @@ void MR_geometry_correction(const float* x, const float* y, const float* z, floa
         auto locate_at = [&](int i, Located& b) {
             locate(b, x + i, y + i, z + i, std::min(kBatch, end - i), r0, tab);
         };
-#if defined(__x86_64__)
-        const auto evaluate = mrkit::has_avx2() ? evaluate_avx2 : evaluate_sse;
-#else
-        const auto evaluate = evaluate_sse;
-#endif
+        using Evaluate =
+            void (*)(Evaluator&, const Located&, const Series&, float*, float*, float*);
+        const Evaluate evaluate = mrkit::lanes::pick(static_cast<Evaluate>(evaluate_baseline),
+                                                     static_cast<Evaluate>(evaluate_avx2));
         if (begin < end) locate_at(begin, located[0]);
         for (int i = begin, cur = 0; i < end; i += kBatch, cur ^= 1) {
             if (i + kBatch < end) locate_at(i + kBatch, located[cur ^ 1]);

@@ -16,9 +16,9 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__x86_64__) && defined(__GNUC__)
+#include "recon/lanes.hpp"
+#ifdef MRKIT_LANES
 #include <immintrin.h>
-#define MRKIT_SINCOS_LANES 1
 #endif
 
 namespace {
@@ -27,7 +27,7 @@ void plain(const float* angle, int count, float* sine, float* cosine) {
     for (int i = 0; i < count; ++i) sincosf(angle[i], sine + i, cosine + i);
 }
 
-#if MRKIT_SINCOS_LANES
+#ifdef MRKIT_LANES
 
 // Reduction constants: 2/pi scaled by 2^24 (the quadrant is taken from the top bits of the
 // truncated product) and pi/2.
@@ -97,8 +97,8 @@ __attribute__((target("avx2,fma"), always_inline)) inline void four(const float*
     if (lanes != 0xf) redo_outside(angle, lanes, sine, cosine);
 }
 
-__attribute__((target("avx2,fma"))) void lanes(const float* angle, int count, float* sine,
-                                               float* cosine) {
+__attribute__((target("avx2,fma"))) void four_lanes(const float* angle, int count, float* sine,
+                                                    float* cosine) {
     int i = 0;
     for (; i + 4 <= count; i += 4) four(angle + i, sine + i, cosine + i);
     if (i < count) {
@@ -130,7 +130,7 @@ bool lanes_match_host() {
     a[2] = 119.99999f;
     a[3] = 120.0f;
     for (int q = 1; q < 64; ++q) a[3 + q] = static_cast<float>(q * kHalfPi);
-    lanes(a, kCount, s, c);
+    four_lanes(a, kCount, s, c);
     for (int i = 0; i < kCount; ++i) {
         float sr, cr;
         sincosf(a[i], &sr, &cr);
@@ -147,7 +147,7 @@ bool lanes_match_host() {
 namespace mrkit::geometry {
 
 bool sincos_many_is_vectorised() {
-#if MRKIT_SINCOS_LANES
+#ifdef MRKIT_LANES
     static const bool ok = lanes_match_host();
     return ok;
 #else
@@ -156,8 +156,8 @@ bool sincos_many_is_vectorised() {
 }
 
 void sincos_many(const float* angle, int count, float* sine, float* cosine) {
-#if MRKIT_SINCOS_LANES
-    if (sincos_many_is_vectorised()) return lanes(angle, count, sine, cosine);
+#ifdef MRKIT_LANES
+    if (sincos_many_is_vectorised()) return four_lanes(angle, count, sine, cosine);
 #endif
     plain(angle, count, sine, cosine);
 }

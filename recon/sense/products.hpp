@@ -16,20 +16,12 @@
 #include <type_traits>
 
 #include "recon/lanes.hpp"
+#include "recon/sense/eigen_orders.hpp"
 #include "recon/sense/general_products.hpp"
 
 namespace mrkit::small {
 
-// Whether this build's Eigen takes the product orders the kernels here repeat (3.4 with SSE2
-// packets, one complex<double> each). The configure step refuses other builds unless told to
-// accept them; then the library keeps the Eigen expressions.
-constexpr bool kEigenOrders =
-#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) && \
-    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && !EIGEN_VERSION_AT_LEAST(3, 4, 90)
-    true;
-#else
-    false;
-#endif
+using mrkit::kEigenOrders;
 
 using cd = std::complex<double>;
 using cf = std::complex<float>;

@@ -14,6 +14,7 @@
 #include <type_traits>
 
 #include "recon/lanes.hpp"
+#include "recon/sense/eigen_orders.hpp"
 
 namespace mrkit::sense::unfolding {
 
@@ -24,16 +25,7 @@ using Index = Eigen::Index;
 // products take fewer.
 constexpr int kBlockedColumns = 128;
 
-// Whether this build's Eigen takes the orders repeated here: 3.4 with SSE2 packets of two
-// complex<float>. Elsewhere the product is Eigen's expression and voxels do not pair.
-constexpr bool kEigenOrders =
-#if defined(EIGEN_VECTORIZE_SSE2) && !defined(EIGEN_VECTORIZE_AVX) &&    \
-    !defined(EIGEN_DONT_VECTORIZE) && EIGEN_VERSION_AT_LEAST(3, 4, 0) && \
-    !EIGEN_VERSION_AT_LEAST(3, 4, 90)
-    true;
-#else
-    false;
-#endif
+using mrkit::kEigenOrders;
 
 namespace products {
 
