@@ -1,6 +1,6 @@
 // Whole SENSE reconstructions on synthetic data: exact unfolding for integer and non-integer
 // factors, coarse sensitivity maps, correlated noise, regularisation, the walk over higher
-// dimensions and sensitivity sets, and thread-count independence. The regularisation weight's
+// dimensions, and whole sets unfolded in one pass. The regularisation weight's
 // formula is checked against a direct solve in octave/test_mrkit_sense.m, through the gateway.
 #include <gtest/gtest.h>
 
@@ -180,53 +180,6 @@ TEST(SenseRecon, RegularisationStrengthAndBenefit) {
     }
     EXPECT_LT(previous, 1e-3 * energy(plain));
     EXPECT_LT(best, 0.8 * plainError);
-}
-
-// Several sets along folded dimension 8 and extra dimensions 5-7 and 9-13: every volume is
-// unfolded with its own set into its own output volume. Set 0's prior is zero everywhere, which
-// leaves its volumes exactly as without regularisation.
-TEST(SenseRecon, HigherDimensionsAndSensitivitySets) {
-    const int nx = 16, ny = 16, fy = 8, coils = 4;
-    const std::vector<int> dims = {nx, fy, 1, coils, 2, 1, 2, 2, 1, 1, 2, 1, 1};
-    const int J = 4, sets = 2, K = 2;
-    const Dims full{nx, ny, 1};
-    Split data(dims);
-    std::vector<Split> truth;
-    const size_t volume = static_cast<size_t>(nx) * fy * coils;
-    for (int k = 0; k < K; ++k)
-        for (int l = 0; l < sets; ++l)
-            for (int j = 0; j < J; ++j) {
-                const int v = j + J * (l + sets * k);
-                truth.push_back(make_object(nx, ny, 1, v));
-                const Split f = fold(truth.back(), coils, fy, 1, l);
-                std::copy(f.re.begin(), f.re.end(), data.re.begin() + v * volume);
-                std::copy(f.im.begin(), f.im.end(), data.im.begin() + v * volume);
-            }
-    // truth is in volume order because v runs j fastest, then l, then k
-    Split sens = make_maps(nx, ny, 1, coils, 0);
-    const Split second = make_maps(nx, ny, 1, coils, 1);
-    sens.re.insert(sens.re.end(), second.re.begin(), second.re.end());
-    sens.im.insert(sens.im.end(), second.im.begin(), second.im.end());
-
-    Split out = make_output(data, full);
-    ASSERT_EQ(reconstruct(data, sens, full, out), 1);
-    const size_t outVolume = static_cast<size_t>(nx) * ny;
-    for (size_t v = 0; v < truth.size(); ++v)
-        EXPECT_LT(nrmse(out, truth[v], v * outVolume), 1e-3) << "volume " << v;
-
-    Split reg({nx, ny, 1, sets});
-    for (size_t i = outVolume; i < reg.size(); ++i) reg.set(i, 1.0f);
-    Extras e;
-    e.ref = &truth[0];
-    e.reg = &reg;
-    Split regOut = make_output(data, full);
-    ASSERT_EQ(reconstruct(data, sens, full, regOut, e), 1);
-    for (size_t v = 0; v < truth.size(); ++v) {
-        const bool same =
-            std::memcmp(out.re.data() + v * outVolume, regOut.re.data() + v * outVolume,
-                        outVolume * sizeof(float)) == 0;
-        EXPECT_EQ(same, (v / J) % sets == 0) << "volume " << v;
-    }
 }
 
 TEST(SenseRecon, NoSensitivitySetsReturnsWithoutWriting) {

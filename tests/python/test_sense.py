@@ -50,20 +50,3 @@ def test_noise_and_regularisation(rng):
     assert error(whitened) < error(plain)  # the covariance is used
     assert error(regularised) < error(whitened)  # the prior lowers the noise
     assert error(regularised) < 0.2
-
-
-def test_volumes_and_sets_unfold_independently():
-    obj, sens, folded, inside = _case(32, 40, 6, 2.0)
-    # Axis 4 holds two echoes (the second scaled), axis 7 two sets of maps (the second negated).
-    sens2 = np.concatenate([sens[..., None], (-sens)[..., None]], axis=4)
-    data = np.zeros((32, 20, 1, 6, 2, 1, 1, 2), np.complex64)
-    for e, f in ((0, 1), (1, 3)):
-        data[:, :, :, :, e, 0, 0, 0] = f * folded
-        data[:, :, :, :, e, 0, 0, 1] = -f * folded
-    image, info = mrkit.sense(data, sens2, (32, 40))
-    assert info["status"] == 1.0 and image.shape == (32, 40, 1, 1, 2, 1, 1, 2)
-    single, _ = mrkit.sense(folded, sens, (32, 40))
-    for e, f in ((0, 1), (1, 3)):
-        for s in (0, 1):
-            np.testing.assert_allclose(image[:, :, :, :, e, 0, 0, s], f * single, rtol=1e-4,
-                                       atol=1e-5 * np.abs(single).max())
