@@ -30,28 +30,17 @@
 
 #define MRKIT_INLINE inline __attribute__((always_inline))
 
-// name_baseline(args...) and name_avx2(args...) around the always-inline template body(args...).
-#ifdef MRKIT_LANES
-#define MRKIT_PER_TARGET(name, body)                                       \
-    template <class... Args>                                               \
-    void name##_baseline(Args... args) {                                   \
-        body(args...);                                                     \
-    }                                                                      \
-    template <class... Args>                                               \
-    MRKIT_AVX2_TARGET void name##_avx2(Args... args) {                     \
-        body(args...);                                                     \
+// name_baseline(args...) and name_avx2(args...) around the always-inline template body(args...)
+// (without MRKIT_LANES the two are the same code).
+#define MRKIT_PER_TARGET(name, body)                   \
+    template <class... Args>                           \
+    void name##_baseline(Args... args) {               \
+        body(args...);                                 \
+    }                                                  \
+    template <class... Args>                           \
+    MRKIT_AVX2_TARGET void name##_avx2(Args... args) { \
+        body(args...);                                 \
     }
-#else
-#define MRKIT_PER_TARGET(name, body)       \
-    template <class... Args>               \
-    void name##_baseline(Args... args) {   \
-        body(args...);                     \
-    }                                      \
-    template <class... Args>               \
-    void name##_avx2(Args... args) {       \
-        body(args...);                     \
-    }
-#endif
 
 // Lane values of 32 bytes pass between always-inline functions only, so no ABI is involved.
 #pragma GCC diagnostic ignored "-Wpsabi"
