@@ -42,9 +42,6 @@
         body(args...);                                 \
     }
 
-// Lane values of 32 bytes pass between always-inline functions only, so no ABI is involved.
-#pragma GCC diagnostic ignored "-Wpsabi"
-
 namespace mrkit::lanes {
 
 typedef double Double2 __attribute__((vector_size(16)));
