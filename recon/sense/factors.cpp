@@ -12,9 +12,9 @@
 #include "recon/lanes.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
-#include "recon/toolkit/corners.hpp"
 #include "recon/sense/products.hpp"
 #include "recon/sense/validity.hpp"
+#include "recon/toolkit/corners.hpp"
 
 namespace {
 
@@ -277,11 +277,13 @@ class Worker {
         const int ty = static_cast<int>(q.cy), tz = static_cast<int>(q.cz);
         const int b0 = nx * ty + plane * tz;  // corner 0 of x = 0
         const float t2 = q.cy - static_cast<float>(ty), t3 = q.cz - static_cast<float>(tz);
-        const int last = b0 + x1 - 1;
-        const int corners = x1 > (1 << 24)                              ? 0  // x not exact as float
-                            : last + nx + 1 + plane < N                 ? 8
-                            : b0 + x0 + plane >= N && last + nx + 1 < N ? 4
-                                                                        : 0;
+        // The count of readable corners never rises along the run: its ends decide for all.
+        const int first = mrkit::readable_corners(b0 + x0, nx, plane, N);
+        const int last = mrkit::readable_corners(b0 + x1 - 1, nx, plane, N);
+        const int corners = x1 > (1 << 24)            ? 0  // x not exact as float
+                            : last == 8               ? 8
+                            : first == 4 && last == 4 ? 4
+                                                      : 0;
         if (corners == 0) {
             for (int x = x0; x < x1; ++x) {
                 const float fx = static_cast<float>(x);
@@ -296,13 +298,13 @@ class Worker {
             }
             return;
         }
-        // Weight of corner k: (x weight * y weight) * z weight, the x fraction being 0.
+        // The x fraction is 0.
         const float wx[2] = {1.0f - 0.0f, 0.0f}, wy[2] = {1.0f - t2, t2}, wz[2] = {1.0f - t3, t3};
         float w[8];
         int offset[8];
         for (int k = 0; k < corners; ++k) {
-            w[k] = wx[k & 1] * wy[(k >> 1) & 1] * wz[(k >> 2) & 1];
-            offset[k] = (k & 1) + (k & 2 ? nx : 0) + (k & 4 ? plane : 0);
+            w[k] = mrkit::corner_weight(k, wx, wy, wz);
+            offset[k] = mrkit::corner_offset(k, nx, plane);
         }
         for (int c = 0; c < p_.coils; ++c) {
             const float *re = p_.sensRe + c * N + b0, *im = p_.sensIm + c * N + b0;
@@ -394,10 +396,10 @@ class Worker {
             namespace sp = mrkit::small;
             const Eigen::Index coils = p_.coils;
             std::complex<double>* T = m.scratch.data();
-            const sp::Chain chain{S_.data(),    S_.rows(),      coils,        K,
-                                  p_.psiInv.data(), p_.psiPacked, p_.psiIdentity, D_.data(),
-                                  D_.rows(),    T,              m.A.data(),   m.inv.data(),
-                                  T + K * coils, m.packedS.data(), to,         K};
+            const sp::Chain chain{
+                S_.data(),      S_.rows(),        coils,     K, p_.psiInv.data(), p_.psiPacked,
+                p_.psiIdentity, D_.data(),        D_.rows(), T, m.A.data(),       m.inv.data(),
+                T + K * coils,  m.packedS.data(), to,        K};
             p_.kernels.front(chain);
             invert(m, K);
             p_.kernels.back(chain);
@@ -428,7 +430,7 @@ class Worker {
     std::vector<double> prior_;
     Eigen::MatrixXcd S_, D_;
     std::vector<std::unique_ptr<Solve>> solves_;
-    std::vector<std::complex<double>> U_;  // K x coils when not written straight out
+    std::vector<std::complex<double>> U_;    // K x coils when not written straight out
     std::vector<std::complex<float>> maps_;  // per slot and coil: the maps along the tile's x
 };
 
@@ -450,8 +452,8 @@ template <Validity Rule>
 int combination_factors(const float* sensRe, const float* sensIm, const Eigen::VectorXi& sensDims,
                         const Eigen::MatrixXcd& noiseCov, const Eigen::Vector3f& R, double lambda,
                         const Eigen::VectorXf& regImage, Eigen::VectorXcd& factors,
-                        Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims,
-                        float* yCompartments, float* zCompartments) {
+                        Eigen::VectorXi& foldedDims, Eigen::VectorXi fullDims, float* yCompartments,
+                        float* zCompartments) {
     const int nx = sensDims[0], ny = sensDims[1], nz = sensDims[2], coils = sensDims[3];
     const int nYf = static_cast<int>(ceilf(static_cast<float>(ny) / R[1]));
     const int nZf = static_cast<int>(ceilf(static_cast<float>(nz) / R[2]));
@@ -490,16 +492,24 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
     const bool psiIdentity = mrkit::small::is_identity(psiInv);
     std::vector<double> psiPacked(static_cast<size_t>(4) * coils * coils);
     mrkit::general::pack(psiInv.data(), coils, coils, coils, psiPacked.data(), 1, coils);
-    const Problem problem{sensRe,      sensIm,
-                          nx,          ny,
-                          nVox,        nTot,
-                          nYf,         nZf,
-                          coils,       lambda,
-                          regImage,    psiInv,
-                          psiIdentity, psiPacked.data(),
+    const Problem problem{sensRe,
+                          sensIm,
+                          nx,
+                          ny,
+                          nVox,
+                          nTot,
+                          nYf,
+                          nZf,
+                          coils,
+                          lambda,
+                          regImage,
+                          psiInv,
+                          psiIdentity,
+                          psiPacked.data(),
                           RunKernels::pick(),
                           mrkit::small::ChainKernels::pick(),
-                          factors,     status};
+                          factors,
+                          status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
         if (begin >= end) return;
         constexpr int kTile = 32;
