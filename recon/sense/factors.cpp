@@ -448,6 +448,39 @@ int find_edges(Eigen::VectorXf current, Eigen::VectorXf previous, int count, int
 
 namespace mrkit::sense {
 
+// Factors of columns begin .. end - 1, a tile of columns at a time with x innermost, so that maps
+// are read and factors written along rows; each column of the tile keeps its own validity flags.
+template <Validity Rule>
+void solve_columns(const Problem& problem, int slots, const std::vector<Line>& yLines,
+                   const std::vector<Line>& zLines, int begin, int end) {
+    if (begin >= end) return;
+    const int nx = problem.nx, nYf = problem.nYf, nZf = problem.nZf, coils = problem.coils;
+    constexpr int kTile = 32;
+    Worker<Rule> worker(problem, slots, kTile);
+    std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
+    // The tile's factors of one (yf, zf) line, block by block with x innermost, then written
+    // out a block at a time: the blocks lie a whole factor grid apart (often a multiple of
+    // 4 KiB), too many to write to at once.
+    std::vector<std::complex<double>> line(static_cast<size_t>(kTile) * slots * coils);
+    const size_t V = static_cast<size_t>(nx) * nYf * nZf;
+    // A host's stop request ends the call between tiles (the factors are then incomplete).
+    for (int x0 = begin; x0 < end && !mrkit::interrupted(); x0 += kTile) {
+        const int x1 = std::min(end, x0 + kTile);
+        std::fill(validFlags.begin(), validFlags.end(), 0);
+        for (int yf = 0; yf < nYf; ++yf)
+            for (int zf = 0; zf < nZf; ++zf) {
+                worker.solve_line(x0, x1, yLines[yf], zLines[zf], validFlags.data(), line.data(),
+                                  kTile);
+                const int blocks = yLines[yf].count * zLines[zf].count * coils;
+                std::complex<double>* out =
+                    problem.factors.data() + x0 + static_cast<size_t>(nx) * (yf + nYf * zf);
+                for (int b = 0; b < blocks; ++b)
+                    std::copy(line.begin() + b * kTile, line.begin() + b * kTile + (x1 - x0),
+                              out + b * V);
+            }
+    }
+}
+
 template <Validity Rule>
 int combination_factors(const float* sensRe, const float* sensIm, const Eigen::VectorXi& sensDims,
                         const Eigen::MatrixXcd& noiseCov, const Eigen::Vector3f& R, double lambda,
@@ -511,33 +544,7 @@ int combination_factors(const float* sensRe, const float* sensIm, const Eigen::V
                           factors,
                           status};
     mrkit::parallel_blocks(nx, [&](int begin, int end) {
-        if (begin >= end) return;
-        constexpr int kTile = 32;
-        Worker<Rule> worker(problem, slots, kTile);
-        // Columns go a tile at a time with x innermost, so maps are read and factors written
-        // along rows; each column of the tile keeps its own validity flags.
-        std::vector<int> validFlags(static_cast<size_t>(kTile) * slots);
-        // The tile's factors of one (yf, zf) line, block by block with x innermost, then written
-        // out a block at a time: the blocks lie a whole factor grid apart (often a multiple of
-        // 4 KiB), too many to write to at once.
-        std::vector<std::complex<double>> line(static_cast<size_t>(kTile) * slots * coils);
-        const size_t V = static_cast<size_t>(nx) * nYf * nZf;
-        // A host's stop request ends the call between tiles (the factors are then incomplete).
-        for (int x0 = begin; x0 < end && !mrkit::interrupted(); x0 += kTile) {
-            const int x1 = std::min(end, x0 + kTile);
-            std::fill(validFlags.begin(), validFlags.end(), 0);
-            for (int yf = 0; yf < nYf; ++yf)
-                for (int zf = 0; zf < nZf; ++zf) {
-                    worker.solve_line(x0, x1, yLines[yf], zLines[zf], validFlags.data(),
-                                      line.data(), kTile);
-                    const int blocks = yLines[yf].count * zLines[zf].count * coils;
-                    std::complex<double>* out =
-                        factors.data() + x0 + static_cast<size_t>(nx) * (yf + nYf * zf);
-                    for (int b = 0; b < blocks; ++b)
-                        std::copy(line.begin() + b * kTile, line.begin() + b * kTile + (x1 - x0),
-                                  out + b * V);
-                }
-        }
+        solve_columns<Rule>(problem, slots, yLines, zLines, begin, end);
     });
 
     if (yCompartments[1] < yCompartments[0]) std::swap(yCompartments[0], yCompartments[1]);
