@@ -114,21 +114,8 @@ def fftshift(x, axis, *, threads=None):
 
 
 def ifftshift(x, axis, *, threads=None):
-    """Inverse of :func:`fftshift`, as ``np.fft.ifftshift(x, axes=axis)``.
-
-    Parameters
-    ----------
-    x : array_like, real or complex floating
-        Data; axes 0-2 are x, y, z, later axes are independent volumes.
-    axis : int
-        0, 1 or 2.
-    threads : int, optional
-        OpenMP threads for this call.
-
-    Returns
-    -------
-    numpy.ndarray
-        float32 or complex64, the shape of ``x``.
+    """Inverse of :func:`fftshift`, as ``np.fft.ifftshift(x, axes=axis)``; the same arguments
+    and result.
 
     Examples
     --------
