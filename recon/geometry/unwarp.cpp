@@ -13,11 +13,8 @@
 #include <new>
 #include <vector>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
-
 #include "recon/geometry/legendre_block.hpp"
+#include "recon/huge_pages.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 
@@ -249,13 +246,11 @@ using Buffer = std::unique_ptr<float[], Free>;
 // n floats, uninitialised. The per-call fields are hundreds of MB for a 256^3 volume; in
 // 2 MB pages their first touch costs a few hundred page faults instead of some 65000.
 Buffer big_buffer(size_t n) {
-    constexpr size_t kPage = size_t{2} << 20;
-    const size_t bytes = (n * sizeof(float) + kPage - 1) / kPage * kPage;
+    const size_t bytes =
+        (n * sizeof(float) + mrkit::kHugePage - 1) / mrkit::kHugePage * mrkit::kHugePage;
     void* p = nullptr;
-    if (posix_memalign(&p, kPage, bytes) != 0) throw std::bad_alloc();
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    madvise(p, bytes, MADV_HUGEPAGE);  // advice only: without it the pages are small
-#endif
+    if (posix_memalign(&p, mrkit::kHugePage, bytes) != 0) throw std::bad_alloc();
+    mrkit::advise_huge_pages(p, bytes);
     return Buffer(static_cast<float*>(p));
 }
 

@@ -6,10 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
-
+#include "recon/huge_pages.hpp"
 #include "recon/parallel.hpp"
 #include "recon/recon.hpp"
 #include "recon/sense/unfold_volumes.hpp"
@@ -152,18 +149,10 @@ bool unfold_set(const Plan& plan, const std::vector<Volume>& volumes,
 }
 
 // The factor vector, zeroed (the factor interpolation can reach entries no voxel of the current
-// set wrote) by all threads, each its own block. Huge pages where the system offers them on
-// request: a fresh vector of tens of megabytes otherwise spends more time in first-touch page
-// faults than the factors and the unfolding take together.
+// set wrote) by all threads, each its own block, on huge pages where the system offers them.
 Eigen::VectorXcd zeroed_factors(Eigen::Index size) {
     Eigen::VectorXcd factors(size);
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    constexpr uintptr_t kHuge = uintptr_t(1) << 21;
-    const uintptr_t begin =
-        (reinterpret_cast<uintptr_t>(factors.data()) + kHuge - 1) & ~(kHuge - 1);
-    const uintptr_t end = reinterpret_cast<uintptr_t>(factors.data() + size) & ~(kHuge - 1);
-    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-#endif
+    mrkit::advise_huge_pages(factors.data(), static_cast<size_t>(size) * sizeof(factors[0]));
     mrkit::parallel_blocks(static_cast<int>(size), [&](int begin, int end) {
         if (begin < end) factors.segment(begin, end - begin).setZero();
     });
